@@ -1,0 +1,40 @@
+// The agent log: one plain-text file per host and day, appended one line at
+// a time by the listening process and every request child alike.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace kova {
+
+// The process-wide log state. Request children inherit it at fork; only the
+// listening process moves it to a new day (see log_day.h).
+struct LogState {
+  std::string logfile;    // full path of the current day's log; empty: no log yet
+  int logfile_yday = -1;  // day of the year logfile was formed for
+  bool verbose = false;   // report a log that cannot be opened on stdout
+};
+
+LogState& log_state();
+
+// Appends one line to the current log: "<ctime>,  KOVAAGENT-<tag>,  <message>"
+// with the tag and its comma left-justified in 13 columns, or the message
+// alone when `stamped` is false. Each line is a single write(2) on an
+// O_APPEND descriptor, so concurrent processes never interleave within a
+// line. Returns the number of bytes written, 0 when the log cannot be opened.
+int write_to_log(std::string_view tag, std::string_view message, bool stamped = true);
+
+// write_to_log with a printf-style message; the format stays a literal at
+// the call site so a log line can be traced to its source with grep.
+int log_printf(const char* tag, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+// Formats a stamped line exactly as write_to_log writes it.
+std::string format_log_line(std::string_view stamp, std::string_view tag, std::string_view message);
+
+// The current time as ctime(3) prints it, without its line feed.
+std::string gettimestamp();
+
+// printf into a std::string.
+std::string string_printf(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+}  // namespace kova
