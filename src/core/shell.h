@@ -1,0 +1,14 @@
+// Quoting for the few places where a shell command line is the interface.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace kova {
+
+// `value` as one shell word: wrapped in single quotes, each embedded single
+// quote written as '\''. Every value that came from outside (the wire, a
+// file name, a settings file) goes through this before it reaches a shell.
+std::string shell_quote(std::string_view value);
+
+}  // namespace kova
