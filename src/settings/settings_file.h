@@ -1,0 +1,17 @@
+// The agent's settings file: "<settings dir>/kova_<host>.config", one
+// "KEY~value" line per setting.
+#pragma once
+
+#include "settings/agent_settings.h"
+
+namespace kova {
+
+// Reads the settings file over the defaults. 1 when at least one line held a
+// known key; 0 when the file is missing, unreadable or holds none.
+int kova_parse_startup_file(AgentSettings& settings);
+
+// Writes the twelve persistent settings (announced on stdout). 1, or 0 when
+// the file cannot be opened for writing.
+int kova_write_settings_file(const AgentSettings& settings);
+
+}  // namespace kova
