@@ -1,0 +1,109 @@
+#include "housekeeping/purge.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string_view>
+
+#include "core/clock.h"
+#include "core/log.h"
+#include "platform/unique.h"
+
+namespace kova {
+
+std::time_t purge_cutoff(int days) {
+  std::time_t now = clock_now();
+  std::tm local{};
+  localtime_r(&now, &local);
+  local.tm_mday -= days;
+  local.tm_isdst = -1;  // the same wall-clock time, across daylight-saving changes
+  return std::mktime(&local);
+}
+
+int purge_file(const std::string& directory, const std::string& prefix, const std::string& extension,
+               std::time_t cutoff, int verbose) {
+  if (verbose) log_printf("I-PURGE", "Checking data files for purge in %s", directory.c_str());
+
+  // Works relative to a descriptor of the directory rather than changing
+  // the process's working directory.
+  UniqueFd dir_fd(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!dir_fd) {
+    log_printf("E-PURGE", "Unable to change directory to %s, %s", directory.c_str(), std::strerror(errno));
+    return 0;
+  }
+  int list_fd = ::dup(dir_fd.get());
+  UniqueDir dir(list_fd >= 0 ? ::fdopendir(list_fd) : nullptr);
+  if (!dir) {
+    if (list_fd >= 0) ::close(list_fd);
+    log_printf("E-PURGE", "Unable to open directory %s, %s", directory.c_str(), std::strerror(errno));
+    return 0;
+  }
+
+  while (struct dirent* entry = ::readdir(dir.get())) {
+    std::string_view name = entry->d_name;
+    if (name == "." || name == "..") continue;
+
+    struct stat st;
+    if (::fstatat(dir_fd.get(), entry->d_name, &st, 0) != 0) {
+      log_printf("E-STAT_FAIL", "Unable to stat() folder %s \n", entry->d_name);
+      continue;
+    }
+    if (st.st_mtime > cutoff) continue;
+
+    size_t dot = name.rfind('.');
+    if (dot == std::string_view::npos || dot == 0) continue;
+    if (!name.substr(dot).starts_with(extension)) continue;
+
+    if (verbose) log_printf("I-PURGE_CHECK_FILE", "Checking data file %s  against  %s  ", entry->d_name, prefix.c_str());
+    if (!name.starts_with(prefix)) continue;
+
+    log_printf("I-DEL_DATA", "Deleting data file %s", entry->d_name);
+    if (::unlinkat(dir_fd.get(), entry->d_name, 0) != 0)
+      log_printf("E-DEL_DATA", "error deleting  %s,  %s", std::strerror(errno), entry->d_name);
+  }
+  return 1;
+}
+
+int purge_data_file(const std::string& directory, const std::string& hostname, const std::string& extension,
+                    int days, int verbose) {
+  if (days <= 0) return 0;
+  return purge_file(directory, "qdtsx_" + hostname + "_", extension, purge_cutoff(days), verbose);
+}
+
+int purge_data_file1(const std::string& directory, const std::string& hostname, const std::string& word,
+                     const std::string& extension, int days, int verbose) {
+  if (days <= 0) return 0;
+  return purge_file(directory, word + "_" + hostname + "_", extension, purge_cutoff(days), verbose);
+}
+
+int purge_log_file(const std::string& log_dir, const std::string& hostname, const std::string& extension,
+                   int days, int verbose) {
+  if (days <= 0) return 0;
+  std::time_t cutoff = purge_cutoff(days);
+  if (verbose) write_to_log("I-PURGE", "purge dc log files...");
+  int scanned = purge_file(log_dir, "qdtsx_" + hostname + "_", extension, cutoff, verbose);
+  if (verbose) write_to_log("I-PURGE", "purge kovaagent log files...");
+  scanned &= purge_file(log_dir, "kova_" + hostname, extension, cutoff, verbose);
+  if (verbose) write_to_log("I-PURGE", "purge realtime log files...");
+  scanned &= purge_file(log_dir, "rta_" + hostname, extension, cutoff, verbose);
+  return scanned;
+}
+
+int purge_remote_file(const std::string& directory, const std::string& prefix, int days, int verbose) {
+  if (days <= 0) return 0;
+  std::time_t cutoff = purge_cutoff(days);
+  int scanned = purge_file(directory, prefix, ".perf", cutoff, verbose);
+  scanned &= purge_file(directory, prefix, ".sif", cutoff, verbose);
+  return scanned;
+}
+
+int purge_appdata_file(const std::string& directory, const std::string& prefix, const std::string& extension,
+                       int days, int verbose) {
+  if (days < 0) return 0;
+  return purge_file(directory, prefix, extension, purge_cutoff(days + 1), verbose);
+}
+
+}  // namespace kova
