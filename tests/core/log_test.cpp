@@ -1,13 +1,118 @@
 #include "core/log.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <sstream>
+#include <string>
+
+#include "core/log_day.h"
+#include "settings/command_line.h"
+#include "support/fixed_clock.h"
+#include "support/temp_dir.h"
 
 namespace kova {
 namespace {
 
+class AgentLog : public testing::Test {
+ protected:
+  void SetUp() override {
+    kova_init_command_line(s);
+    s.hostname = "myhost";
+    kova_adjust_path_settings(s, root.path());
+    test::make_dirs(s.log_dir);
+    log_state() = LogState{};
+  }
+  void TearDown() override { log_state() = LogState{}; }
+  test::TempDir root;
+  AgentSettings s;
+};
+
 TEST(LogLine, TagAndCommaArePaddedToThirteenColumns) {
   EXPECT_EQ(format_log_line("Thu Feb 23 10:15:00 2012", "I-STARTED", "Agent started."),
             "Thu Feb 23 10:15:00 2012,  KOVAAGENT-I-STARTED,     Agent started.\n");
+  EXPECT_EQ(format_log_line("T", "I-REQ", "m"), "T,  KOVAAGENT-I-REQ,         m\n");
+  EXPECT_EQ(format_log_line("T", "I-SORLEX_STATUS", "m"), "T,  KOVAAGENT-I-SORLEX_STATUS,  m\n");
+}
+
+TEST_F(AgentLog, NewDayFormsTheNameWritesTheHeaderAndPurgesOldLogs) {
+  test::FixedClock clock(test::local_time(2012, 2, 23, 10, 15, 0));
+  test::write_file(s.log_dir + "/kova_myhost_2012Feb10.log", "old\n");
+  test::set_mtime(s.log_dir + "/kova_myhost_2012Feb10.log", test::local_time(2012, 2, 10));
+
+  std::string stamp = "Thu Feb 23 10:15:00 2012";
+  ASSERT_EQ(get_log_file_name_unix(s), 1);
+  EXPECT_EQ(log_state().logfile, s.log_dir + "/kova_myhost_2012Feb23.log");
+  EXPECT_FALSE(test::file_exists(s.log_dir + "/kova_myhost_2012Feb10.log"));
+  EXPECT_EQ(get_log_file_name_unix(s), 0);  // same day
+
+  write_log_header(s);
+  write_to_log("I-STARTED", "Agent started");
+  // The old log's removal is logged in the new day's file, ahead of its header.
+  EXPECT_EQ(test::read_file(log_state().logfile),
+            stamp + ",  KOVAAGENT-I-DEL_DATA,    Deleting data file kova_myhost_2012Feb10.log\n" +
+                "\nKOVAagent Copyright (c) KOVA Systems. All rights reserved.\nBuild: V10.0-001 (Feb 23 2012)\n\n" +
+                stamp + ",  KOVAAGENT-I-LOGNAME,     " + log_state().logfile + "\n" +
+                stamp + ",  KOVAAGENT-I-LIBRARY,     " + root.path() + "\n" +
+                stamp + ",  KOVAAGENT-I-DATA,        " + s.data_dir + "\n" +
+                stamp + ",  KOVAAGENT-I-LOG,         Detailed Logging is OFF\n" +
+                stamp + ",  KOVAAGENT-I_SERVER,      Registered KOVAServer : 0.0.0.0\n" +
+                stamp + ",  KOVAAGENT-I_KEEPPERF,    Keep Perf Files : Off\n\n" +
+                stamp + ",  KOVAAGENT-I-STARTED,     Agent started\n");
+
+  clock.set(test::local_time(2012, 2, 24, 0, 0, 1));
+  EXPECT_EQ(get_log_file_name_unix(s), 1);
+  EXPECT_EQ(log_state().logfile, s.log_dir + "/kova_myhost_2012Feb24.log");
+}
+
+TEST_F(AgentLog, RemoteHeaderAndUnwritableLogStayQuietUnlessVerbose) {
+  test::FixedClock clock(test::local_time(2012, 2, 23));
+  s.remote = 1;
+  s.schedule_hour = 2;
+  s.schedule_minute = 5;
+  get_log_file_name_unix(s);
+  write_log_header(s);
+  std::string log = test::read_file(log_state().logfile);
+  EXPECT_NE(log.find("I_REMOTE,      Remote Schedule : 02:05\n"), std::string::npos);
+  EXPECT_NE(log.find("Remote retain : 30 days\n\n"), std::string::npos);
+  EXPECT_EQ(log.find("I_SERVER"), std::string::npos);
+
+  log_state().logfile = root / "no/such/dir/log";
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(write_to_log("I-X", "lost"), 0);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+  log_state().verbose = true;
+  testing::internal::CaptureStdout();
+  write_to_log("I-X", "lost");
+  EXPECT_EQ(testing::internal::GetCapturedStdout().rfind("KOVAAGENT-E-OPEN: Unable to open log " + root.path(), 0),
+            0u);
+}
+
+TEST_F(AgentLog, LinesFromConcurrentProcessesNeverInterleave) {
+  log_state().logfile = s.log_dir + "/shared.log";
+  constexpr int kChildren = 4, kLines = 300;
+  std::string payload(700, 'x');  // longer than a pipe-atomic write would need
+  pid_t pids[kChildren];
+  for (int c = 0; c < kChildren; ++c) {
+    pids[c] = fork();
+    ASSERT_GE(pids[c], 0);
+    if (pids[c] == 0) {
+      for (int i = 0; i < kLines; ++i) write_to_log("I-CHILD", std::to_string(c) + ":" + payload);
+      _exit(0);
+    }
+  }
+  for (pid_t pid : pids) waitpid(pid, nullptr, 0);
+  std::istringstream in(test::read_file(log_state().logfile));
+  std::string line;
+  int count = 0;
+  while (std::getline(in, line)) {
+    ++count;
+    ASSERT_NE(line.find("KOVAAGENT-I-CHILD,      "), std::string::npos) << line;
+    ASSERT_EQ(line.substr(line.size() - payload.size()), payload);
+  }
+  EXPECT_EQ(count, kChildren * kLines);
 }
 
 }  // namespace
