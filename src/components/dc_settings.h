@@ -1,0 +1,91 @@
+// The data collector's settings record and its settings file
+// "<settings dir>/vorn_<host>.config", which the collector reads at start.
+#pragma once
+
+#include <ctime>
+#include <string>
+
+namespace kova {
+
+inline constexpr const char* kDefaultInstallRoot = "/opt/vantrel";
+inline constexpr const char* kDefaultFilesysExclude = "tmpfs,devfs,mntfs,lofs,ctfs,fd,proc,objfs";
+
+struct DcSettings {
+  int scan_rate = 2000;   // process scan interval, ms
+  int write_rate = 120;   // data dump interval, s
+  int peak_rate = 0;      // peak scan interval, ms; 0 = off
+  int retain = 30;        // days
+  int verbose = 0;
+  int max_cpu = 101;      // written, never read back
+  int collect_all = 1;    // all metric groups
+  int collect_cpu = 0;
+  int collect_disk = 0;
+  int collect_process = 0;
+  int collect_memory = 0;
+  int collect_net = 0;
+  int collect_filesys = 0;
+  int collect_nic = 0;
+  int collect_hba = 0;
+  int collect_lpar = 0;
+  int collect_processor = 0;
+  int augment_process = 0;
+  int augment_network = 0;
+  int priority = 0;
+  int map_disknames = 1;
+  int append_data_files = 0;  // read, never written
+  std::time_t start_time = 0;  // collection window, used by the lock file
+  int start_time_given = 0;
+  std::time_t end_time = 0;
+  int end_time_given = 0;
+  int install_dir_given = 0;  // set when the file names the directory
+  int data_dir_given = 0;
+  int log_dir_given = 0;
+  std::string hostname;  // cut at its first "."
+  std::string filesys_exclude = kDefaultFilesysExclude;
+  std::string user = "root";
+  std::string install_dir;
+  std::string data_dir;
+  std::string log_dir;
+  std::string tmp_dir;        // holds the lock file
+  std::string settings_dir;   // holds the settings file
+  std::string lock_file;      // <tmp dir>/<host>_monitor.lock
+  std::string current_data_file;
+  std::string settings_file;  // <settings dir>/vorn_<host>.config
+};
+
+// Resets `record` to the defaults with the host name and the install tree
+// under get_vantrel_root(). A host without a name is waited for, twice
+// 60000 s through clock_sleep, before gethostname is asked once more.
+// Returns 1.
+int dc_init_command_line(DcSettings& record);
+
+// Moves the install tree to `root`: install, data, log, tmp and settings
+// dirs, then the lock file and settings file paths. Returns 1.
+int dc_adjust_path_settings(DcSettings& record, const std::string& root);
+
+// For an install dir that has vanished: 0 and nothing changed when `root`
+// does not exist either; else install dir = root and the data, log,
+// settings and tmp dirs under it, each resolved when it is a symbolic link,
+// and 1. The lock and settings file paths are left as they are.
+int dc_update_paths(DcSettings& record, const std::string& root);
+
+// 0: `path` is no symbolic link, out = path; 1: it is one, out = its target;
+// -1: lstat failed (out untouched) or the target could not be resolved
+// (out = path). With print, "path ->    out" goes to stdout.
+int dc_resolve_softlink(const std::string& path, std::string& out, int print);
+
+// Reads the settings file named in the record over the record. 1 when the
+// file opened and held at least one known key; 0 otherwise, with the record
+// untouched when the file could not be opened.
+int dc_parse_startup_file(DcSettings& record);
+
+// Writes "<settings dir>/vorn_<host>.config" from the record. 1 when written
+// and closed; 0 when it cannot be opened (message on stderr) or the write
+// failed.
+[[nodiscard]] int dc_write_settings_file(DcSettings& record);
+
+// Trims leading blanks and tabs and trailing blanks, tabs, CR and LF in
+// place; returns the new length.
+int zudLibTrim(std::string& text);
+
+}  // namespace kova
