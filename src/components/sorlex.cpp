@@ -1,0 +1,60 @@
+#include "components/sorlex.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "components/command.h"
+#include "components/findproc.h"
+#include "core/clock.h"
+#include "core/log.h"
+#include "core/shell.h"
+#include "wire/status.h"
+
+namespace kova {
+namespace {
+
+constexpr const char* kProgram = "sorlexagent";
+
+bool exists(const std::string& path) {
+  struct stat st;
+  return ::stat(path.c_str(), &st) == 0;
+}
+
+std::string program_path(const std::string& root) { return root + "/bin/" + kProgram; }
+
+}  // namespace
+
+int StartSORLEX_UNIX(const std::string& root, int debug) {
+  const std::string startup = root + "/sorlexagent.txt";
+  const std::string spare = root + "/tmp/sorlexagent.txt";
+  if (!exists(startup) && exists(spare)) {
+    // The program looks for its start-up file only beside its bin dir.
+    std::error_code ec;
+    std::filesystem::copy_file(spare, startup, ec);
+    if (ec) log_printf("W-SORLEX_COPY", "Unable to copy %s to %s, %s", spare.c_str(), startup.c_str(),
+                       ec.message().c_str());
+  }
+  std::string command = shell_quote(program_path(root));
+  if (debug != 0) write_to_log("I-COMMAND", command);
+  (void)run_shell_command(command);
+  clock_sleep(1);
+  return CheckSORLEX_UNIX(root, debug);
+}
+
+int StopSORLEX_UNIX(const std::string& root, int debug) {
+  std::string command = shell_quote(program_path(root)) + " -stop";
+  write_to_log("I-COMMAND", command);
+  (void)run_shell_command(command);
+  return CheckSORLEX_UNIX(root, debug);
+}
+
+int CheckSORLEX_UNIX(const std::string& root, int debug) {
+  if (!exists(program_path(root))) return kStatusNotInstalled;
+  const bool up = find_process_by_name(kProgram, ::getpid(), debug) >= 1;
+  if (debug == 1) write_to_log("I-SORLEX_STAT", up ? "Sorlex Agent UP" : "Sorlex Agent DOWN");
+  return up ? kStatusRunning : kStatusNotRunning;
+}
+
+}  // namespace kova
