@@ -74,6 +74,15 @@ class WireTest : public ::testing::Test {
   }
   std::string log_text() const { return file_exists(dir_ / "agent.log") ? read_file(dir_ / "agent.log") : ""; }
   std::vector<std::string> log_lines() const { return split_lines(log_text()); }
+  // Lines with this tag whose message contains `message`.
+  int logged(const std::string& tag, const std::string& message) const {
+    int n = 0;
+    for (const auto& line : log_lines()) {
+      size_t at = line.find("KOVAAGENT-" + tag + ",");
+      n += at != std::string::npos && line.find(message, at) != std::string::npos ? 1 : 0;
+    }
+    return n;
+  }
   int count_in_log(const std::string& needle) const {
     int n = 0;
     for (const auto& line : log_lines()) n += line.find(needle) != std::string::npos ? 1 : 0;

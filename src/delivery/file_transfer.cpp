@@ -1,0 +1,302 @@
+#include "delivery/file_transfer.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <vector>
+
+#include "core/log.h"
+#include "core/shell.h"
+#include "platform/unique.h"
+#include "wire/socket_io.h"
+
+namespace kova {
+namespace {
+
+// Blocks moved per system call. The stream carries no per-block framing,
+// so the block size only fixes the header and the numbers in log lines.
+constexpr int64_t kBlocksPerChunk = 128;
+
+// Reads up to n bytes, going on after short reads; returns the bytes read,
+// fewer only at end of file or on an error (then `error` holds errno).
+int64_t read_full(int fd, unsigned char* data, int64_t n, int& error) {
+  int64_t got = 0;
+  error = 0;
+  while (got < n) {
+    ssize_t k = ::read(fd, data + got, static_cast<size_t>(n - got));
+    if (k < 0 && errno == EINTR) continue;
+    if (k < 0) error = errno;
+    if (k <= 0) break;
+    got += k;
+  }
+  return got;
+}
+
+bool write_full(int fd, const unsigned char* data, int64_t n) {
+  int64_t done = 0;
+  while (done < n) {
+    ssize_t k = ::write(fd, data + done, static_cast<size_t>(n - done));
+    if (k < 0 && errno == EINTR) continue;
+    if (k <= 0) return false;
+    done += k;
+  }
+  return true;
+}
+
+void send_header(int socket, PacketBuffer& buffer, int64_t blocks, int64_t last) {
+  std::fill_n(buffer.begin(), kInfSize, 0);
+  Packet_CreateINF(blocks, last, buffer);
+  // The transfer goes on after a failed header write: the server may still
+  // take the bytes, and a dead connection fails the first block anyway.
+  if (Socket_writen(socket, buffer.data(), kInfSize) != static_cast<ssize_t>(kInfSize))
+    write_to_log("E-SENDFILE", "Error returning header packet...");
+}
+
+}  // namespace
+
+int send_ascii_file(int socket, const AgentSettings& settings, const std::string& path, PacketBuffer& buffer,
+                    int block_size) {
+  const int64_t block = block_size >= 1 && block_size <= static_cast<int>(kPacketSize) ? block_size
+                                                                                       : kTransferBlockSize;
+  UniqueFile file(std::fopen(path.c_str(), "re"));
+  int64_t size = -1;
+  if (file) {
+    size = GetFileSizeByName(path);
+    if (size < 0) size = GetFileSizeByFP(file.get());
+  }
+  // A block count beyond the header's 32 bits cannot be announced; such a
+  // file is refused as one that cannot be opened.
+  if (!file || size < 0 || size / block > INT32_MAX) {
+    log_printf("W-OPEN", "Unable to open %s , %s", path.c_str(), std::strerror(file ? EFBIG : errno));
+    send_header(socket, buffer, 0, 0);
+    return kTransferReadFailed;
+  }
+  const int64_t blocks = size / block;
+  const int64_t last = size % block;
+  if (settings.verbose == 1)
+    log_printf("I-SENDFILE", "File Size: %lld  (Buffer Size: %d  Blocks: %lld  Last Block Size: %lld)",
+               static_cast<long long>(size), static_cast<int>(block), static_cast<long long>(blocks),
+               static_cast<long long>(last));
+  send_header(socket, buffer, blocks, last);
+
+  const int fd = ::fileno(file.get());
+  std::vector<unsigned char> chunk(static_cast<size_t>(block * kBlocksPerChunk));
+  const int64_t full_end = blocks * block;
+  int64_t sent = 0;
+  while (sent < size) {
+    const int64_t want = std::min<int64_t>(static_cast<int64_t>(chunk.size()), size - sent);
+    int error = 0;
+    const int64_t got = read_full(fd, chunk.data(), want, error);
+    // On a short read the whole blocks before it still go out, as they would
+    // one block at a time; a partial last block is never sent.
+    const int64_t usable = got == want ? got : std::max<int64_t>(0, std::min(full_end, (sent + got) / block * block) - sent);
+
+    size_t written = 0;
+    if (usable > 0 && Socket_writen_counted(socket, chunk.data(), static_cast<size_t>(usable), written) != usable) {
+      const int64_t at = sent + static_cast<int64_t>(written);
+      const int64_t failed_block = at / block + 1;
+      if (failed_block <= blocks)
+        log_printf("E-SEND", "Error sending packet %lld of %lld,  %lld of %d bytes, (sent %lld)",
+                   static_cast<long long>(failed_block), static_cast<long long>(blocks),
+                   static_cast<long long>(at % block), static_cast<int>(block),
+                   static_cast<long long>((failed_block - 1) * block));
+      else
+        log_printf("E-SEND", "Error sending last packet %lld,  %lld of %d bytes, sent %lld bytes",
+                   static_cast<long long>(blocks), static_cast<long long>(at - full_end), static_cast<int>(block),
+                   static_cast<long long>(full_end));
+      return kTransferSendFailed;
+    }
+    sent += usable;
+
+    if (got != want) {
+      const char* reason = error != 0 ? std::strerror(error) : "unexpected end of file";
+      if (sent < full_end)
+        log_printf("E-READ", "File read error on block %lld,  %s,  %s", static_cast<long long>(sent / block + 1),
+                   path.c_str(), reason);
+      else
+        log_printf("E-READ", "Error reading file last packet, %s , %s", path.c_str(), reason);
+      return kTransferReadFailed;
+    }
+  }
+  file.reset();
+  log_printf("I-SENT", "File (%s) transfered. (%lld of %lld bytes)", path.c_str(), static_cast<long long>(sent),
+             static_cast<long long>(size));
+  return kTransferOk;
+}
+
+int receive_ascii_file(int socket, const AgentSettings& settings, const std::string& path, const std::string& peer,
+                       PacketBuffer& buffer, [[maybe_unused]] PacketBuffer& spare, int send_ack, int ack_code) {
+  log_printf("I-REQ_RCV", "Receive File request from %s, %s", peer.c_str(), path.c_str());
+  UniqueFd out(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+  if (!out) {
+    log_printf("E-OPEN", "Unable to open %s : %s", path.c_str(), std::strerror(errno));
+    return kTransferOpenFailed;
+  }
+  if (send_ack == 1) {
+    buffer.fill(0);
+    Packet_CreateMEMACK(ack_code, buffer);
+    // Unchecked: a server that is gone shows up as a failed header read.
+    (void)Socket_writen(socket, buffer.data(), kMemAckSize);
+  }
+
+  buffer.fill(0);
+  // A header cut short is as unusable as one not read at all.
+  if (Socket_readn(socket, buffer.data(), kInfSize, settings.verbose) != static_cast<ssize_t>(kInfSize))
+    return kTransferReadFailed;
+  // Both fields are signed on the wire; a negative count means none.
+  const int64_t blocks = std::max<int32_t>(0, Packet_CheckLONG(buffer, 2));
+  const int64_t last = std::max<int16_t>(0, Packet_CheckOPCODE(buffer, 6));
+
+  const int64_t full_bytes = blocks * kTransferBlockSize;
+  std::vector<unsigned char> chunk(static_cast<size_t>(kTransferBlockSize * kBlocksPerChunk));
+  int64_t received = 0;
+  while (received < full_bytes) {
+    const int64_t want = std::min<int64_t>(static_cast<int64_t>(chunk.size()), full_bytes - received);
+    const ssize_t got = Socket_readn(socket, chunk.data(), static_cast<size_t>(want), settings.verbose);
+    // Blocks that arrived whole are kept, as a block-by-block receiver would.
+    const int64_t keep = got == want ? want : std::max<ssize_t>(got, 0) / kTransferBlockSize * kTransferBlockSize;
+    if (keep > 0 && !write_full(out.get(), chunk.data(), keep)) {
+      log_printf("E-WRITE", "Write to file %s failed : %s", path.c_str(), std::strerror(errno));
+      return kTransferWriteFailed;
+    }
+    if (got != want) return kTransferReadFailed;
+    received += want;
+  }
+  if (last > 0) {
+    if (Socket_readn(socket, chunk.data(), static_cast<size_t>(last), settings.verbose) != last)
+      return kTransferReadFailed;
+    if (!write_full(out.get(), chunk.data(), last)) {
+      log_printf("W-WRITE", "Write to file %s failed : %s", path.c_str(), std::strerror(errno));
+      return kTransferWriteFailed;
+    }
+  }
+  out.reset();
+  log_printf("I-RECVD", "Received:  %s   %lld bytes\n", path.c_str(), static_cast<long long>(full_bytes + last));
+  return kTransferOk;
+}
+
+int compress_file(const std::string& command_template, const std::string& file_name, std::string& out_name,
+                  std::string* extension) {
+  if (command_template.empty() || file_name.empty()) return 0;
+  const size_t star_dot = command_template.find("*.");
+  if (star_dot == std::string::npos) {
+    write_to_log("E-COMPRESS", "compression command doesnt contain an output file");
+    return 0;
+  }
+  const size_t ext_begin = star_dot + 1;
+  const size_t ext_end = command_template.find_first_of(" \t", ext_begin);
+  const std::string ext = command_template.substr(ext_begin, ext_end == std::string::npos ? std::string::npos
+                                                                                          : ext_end - ext_begin);
+  // The template is the operator's command; the file name is not trusted
+  // and goes in as one quoted word ("'name'.gz" still names name.gz).
+  const std::string quoted = shell_quote(file_name);
+  std::string command;
+  for (char c : command_template) {
+    if (c == '*')
+      command += quoted;
+    else
+      command += c;
+  }
+  out_name = file_name + ext;
+  if (extension != nullptr) *extension = ext;
+  ::unlink(out_name.c_str());
+
+  log_printf("I-COMPRESS", "Running, %s", command.c_str());
+  std::string output;
+  return RunCommand(command, output);
+}
+
+int copy_file(const std::string& from, const std::string& to) {
+  UniqueFile in(std::fopen(from.c_str(), "re"));
+  if (!in) return 0;
+  UniqueFile out(std::fopen(to.c_str(), "we"));
+  if (!out) return 0;
+  char buf[2048];
+  size_t n = 0;
+  while ((n = std::fread(buf, 1, sizeof buf, in.get())) > 0) {
+    if (std::fwrite(buf, 1, n, out.get()) != n) break;
+  }
+  return 1;
+}
+
+int64_t GetFileSizeByName(const std::string& path) {
+  struct stat st {};
+  if (::stat(path.c_str(), &st) != 0) return -1;
+  return st.st_size;
+}
+
+int64_t GetFileSizeByFP(std::FILE* stream) {
+  if (stream == nullptr) return -1;
+  int64_t size = 0;
+  while (std::fgetc(stream) != EOF) ++size;
+  std::rewind(stream);
+  return size;
+}
+
+int check_free_total(const std::string& path, double& avail_kb, double& pct_free, uint64_t& used_blocks) {
+  avail_kb = 0;
+  pct_free = 0;
+  struct statvfs fs {};
+  if (::statvfs(path.c_str(), &fs) != 0) return 0;
+  const double total = static_cast<double>(fs.f_blocks);
+  const double free_blocks = static_cast<double>(fs.f_bfree);
+  const double avail = static_cast<double>(fs.f_bavail);
+  used_blocks = fs.f_blocks - fs.f_bfree;
+  avail_kb = avail / 1024.0 * static_cast<double>(fs.f_frsize);
+  // Measured against what an unprivileged user can see, not the whole
+  // file system: the blocks reserved for root count as neither.
+  const double visible = avail + (total - free_blocks);
+  pct_free = visible > 0 ? avail * 100.0 / visible : 0;
+  return 1;
+}
+
+int get_ave_data_file_size(const AgentSettings& settings, int& avg_mb) {
+  // Entries are stat'ed by full path, so the process's working directory
+  // never changes under the rest of the request.
+  UniqueDir dir(::opendir(settings.data_dir.c_str()));
+  if (!dir) return 0;
+  int64_t sum_mb = 0;
+  int64_t count = 0;
+  while (const dirent* entry = ::readdir(dir.get())) {
+    const std::string name = entry->d_name;
+    struct stat st {};
+    if (::stat((settings.data_dir + "/" + name).c_str(), &st) != 0) continue;
+    const size_t dot = name.rfind('.');
+    if (dot == std::string::npos || dot < 1) continue;
+    if (name.compare(dot, 4, ".zud") != 0) continue;
+    sum_mb += st.st_size / 1024 / 1024;
+    ++count;
+  }
+  if (count > 0) avg_mb = static_cast<int>(sum_mb / count);
+  return 1;
+}
+
+int delete_file(const std::string& path) { return ::unlink(path.c_str()); }
+
+int RunCommand(const std::string& command, std::string& output) {
+  output.clear();
+  std::FILE* pipe = ::popen(command.c_str(), "re");
+  if (pipe == nullptr) return 0;
+  char buf[kCommandOutputMax];
+  const size_t n = std::fread(buf, 1, sizeof buf, pipe);
+  output.assign(buf, n);
+  // The exit status is not the caller's concern: a command that failed
+  // shows up as a missing output file.
+  ::pclose(pipe);
+  return 1;
+}
+
+int LibMatch(const char* text, const char* prefix, int n) {
+  if (n <= 0) return 1;
+  if (text == nullptr || prefix == nullptr) return 0;
+  if (std::strlen(text) < static_cast<size_t>(n)) return 0;
+  return std::strncmp(text, prefix, static_cast<size_t>(n)) == 0 ? 1 : 0;
+}
+
+}  // namespace kova

@@ -1,0 +1,89 @@
+// The file-transfer sub-protocol and the small file utilities the request
+// handlers share. A transfer is an 8-byte INF header (count of full
+// 522-byte blocks at offset 2, size of the last partial block at offset 6)
+// followed by the file's bytes, unframed and unacknowledged.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+
+#include "settings/agent_settings.h"
+#include "wire/packet.h"
+
+namespace kova {
+
+inline constexpr int kTransferBlockSize = 522;
+inline constexpr size_t kCommandOutputMax = 1024;
+
+// Result codes of send_ascii_file and receive_ascii_file.
+enum TransferResult : int {
+  kTransferOk = 0,
+  kTransferReadFailed = 1,   // send: file not opened or not read; receive: socket read short
+  kTransferSendFailed = 2,   // send: socket write short
+  kTransferWriteFailed = 3,  // receive: local file write failed
+  kTransferOpenFailed = 4,   // receive: local file not opened
+};
+
+// Streams the file at `path`: the header, then its bytes. `buffer` carries
+// the header; block_size is 522 (any value outside 1..522 is taken as 522).
+// A file that cannot be opened is announced by an empty header (0, 0) and
+// returns 1. settings.verbose == 1 logs the sizes first. Returns a
+// TransferResult.
+[[nodiscard]] int send_ascii_file(int socket, const AgentSettings& settings, const std::string& path,
+                                  PacketBuffer& buffer, int block_size);
+
+// Receives a file into `path` (truncated). With send_ack == 1 first sends
+// the 10-byte acknowledgement for ack_code. `peer` is only logged; `spare`
+// is not used. A transfer cut short leaves the blocks received so far in
+// the file. Returns a TransferResult.
+[[nodiscard]] int receive_ascii_file(int socket, const AgentSettings& settings, const std::string& path,
+                                     const std::string& peer, PacketBuffer& buffer, PacketBuffer& spare,
+                                     int send_ack, int ack_code);
+
+// Runs the compression command made from `command_template`, in which every
+// "*" stands for the file name (inserted shell-quoted). The template must
+// contain "*." followed by the output extension (up to the next blank);
+// out_name receives file_name plus that extension, and a file of that name
+// is deleted first. `extension`, when given, receives the extension.
+// Returns 1 when the command ran (its exit status is not examined), else 0.
+[[nodiscard]] int compress_file(const std::string& command_template, const std::string& file_name,
+                                std::string& out_name, std::string* extension = nullptr);
+
+// Copies a file; 1 when copied, 0 when either file could not be opened.
+[[nodiscard]] int copy_file(const std::string& from, const std::string& to);
+
+// The size of the file at path from stat(2), or -1.
+[[nodiscard]] int64_t GetFileSizeByName(const std::string& path);
+
+// The size of an open stream, found by reading it to its end; the stream
+// is rewound afterwards.
+[[nodiscard]] int64_t GetFileSizeByFP(std::FILE* stream);
+
+// Space on the file system holding `path`: kilobytes available to
+// unprivileged users, the percentage free of what such a user can see
+// (available / (available + used)), and the blocks in use. Returns 1, or 0
+// (avail_kb and pct_free set to 0) when the file system cannot be queried.
+[[nodiscard]] int check_free_total(const std::string& path, double& avail_kb, double& pct_free,
+                                   uint64_t& used_blocks);
+
+// The average size in whole megabytes of the collector's data files (names
+// whose last extension begins ".zud") in settings.data_dir. Returns 1 and
+// leaves avg_mb untouched when there are none; 0 when the directory cannot
+// be read.
+[[nodiscard]] int get_ave_data_file_size(const AgentSettings& settings, int& avg_mb);
+
+// unlink(2)'s result.
+int delete_file(const std::string& path);
+
+// Runs `command` through the shell and captures up to 1024 bytes of its
+// standard output (output is cleared first). Every value from outside in
+// the command line must already be shell-quoted. Returns 1 when the
+// command could be started, else 0; its exit status is not examined.
+[[nodiscard]] int RunCommand(const std::string& command, std::string& output);
+
+// 1 when the first n characters of text and prefix are equal, or n <= 0;
+// 0 when text is shorter than n or they differ.
+[[nodiscard]] int LibMatch(const char* text, const char* prefix, int n);
+
+}  // namespace kova
