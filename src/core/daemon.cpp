@@ -1,0 +1,83 @@
+#include "core/daemon.h"
+
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+
+#include "core/log.h"
+
+namespace kova {
+namespace {
+
+// What the terminating signal handler needs, kept where a handler can read
+// it without allocating.
+struct TerminateState {
+  volatile sig_atomic_t listen_fd = -1;
+  volatile sig_atomic_t use_lock = 0;
+  char lock_path[4096] = {};
+};
+
+TerminateState g_terminate;
+
+void on_terminate(int signal) { TerminateAgent(signal); }
+
+}  // namespace
+
+void set_terminate_state(int listen_fd, int use_lock, const std::string& lock_path) {
+  g_terminate.use_lock = 0;
+  size_t n = std::min(lock_path.size(), sizeof g_terminate.lock_path - 1);
+  std::memcpy(g_terminate.lock_path, lock_path.data(), n);
+  g_terminate.lock_path[n] = '\0';
+  g_terminate.listen_fd = listen_fd;
+  g_terminate.use_lock = use_lock;
+}
+
+void TerminateAgent(int /*signal*/) {
+  if (g_terminate.listen_fd >= 0) ::close(g_terminate.listen_fd);
+  if (g_terminate.use_lock == 1 && g_terminate.lock_path[0] != '\0') ::unlink(g_terminate.lock_path);
+  ::_exit(0);
+}
+
+void install_signal_dispositions() {
+  for (int sig : {SIGHUP, SIGINT, SIGQUIT, SIGABRT, SIGTERM}) std::signal(sig, on_terminate);
+  struct sigaction ignore_children {};
+  ignore_children.sa_handler = SIG_IGN;
+  sigemptyset(&ignore_children.sa_mask);
+  ignore_children.sa_flags = SA_NOCLDWAIT;
+  ::sigaction(SIGCHLD, &ignore_children, nullptr);
+}
+
+int make_daemon(const std::string& directory, int priority) {
+  if (::getppid() != 1) {
+    std::signal(SIGTTOU, SIG_IGN);
+    std::signal(SIGTTIN, SIG_IGN);
+    std::signal(SIGTSTP, SIG_IGN);
+
+    std::fflush(nullptr);  // nothing buffered may be written twice
+    pid_t pid = ::fork();
+    if (pid < 0) return -1;
+    if (pid > 0) ::_exit(0);
+
+    (void)::nice(priority);  // a priority the account may not take leaves the default
+    if (::setpgid(0, 0) != 0) log_printf("E-SETPGRP", "start_daemon: setpgrp failed: %s", std::strerror(errno));
+
+    std::signal(SIGHUP, SIG_IGN);  // a daemon is not ended by its terminal hanging up
+    pid = ::fork();
+    if (pid < 0)
+      log_printf("E-FORK", "make_daemon: fork failed: %s", std::strerror(errno));
+    else if (pid > 0)
+      ::_exit(0);
+  }
+  (void)::chdir(directory.c_str());  // on failure it stays put: every path used is absolute
+  ::umask(022);
+  // Standard input, output and error stay where they were: the agent still
+  // writes its start-up messages there, and admins' scripts read them.
+  return 1;
+}
+
+}  // namespace kova

@@ -1,0 +1,265 @@
+#include "core/dispatch.h"
+
+#include <cerrno>
+#include <cstring>
+
+#include "components/collector.h"
+#include "components/rta.h"
+#include "components/sorlex.h"
+#include "core/log.h"
+#include "delivery/file_transfer.h"
+#include "delivery/queries.h"
+#include "wire/packet.h"
+#include "wire/request.h"
+#include "wire/socket_io.h"
+#include "wire/status.h"
+
+namespace kova {
+namespace {
+
+// Sends the first `n` bytes of a reply built in `reply`.
+void send_reply(int fd, const PacketBuffer& reply, size_t n) { (void)Socket_writen(fd, reply.data(), n); }
+
+void send_error(int fd, int code) {
+  PacketBuffer reply{};
+  Packet_CreateERR(code, reply);
+  send_reply(fd, reply, 8);
+}
+
+void send_startstop(int fd, int status) {
+  PacketBuffer reply{};
+  send_reply(fd, reply, static_cast<size_t>(Packet_CreateSTARTSTOP(status, reply)));
+}
+
+// The collector and real-time agent state lines of a status request,
+// written on the first request after start and then once a period.
+void log_component_states(const AgentState& state, int dc_status, int rta_status) {
+  const AgentSettings& s = state.settings;
+  const CollectorState& dc = collector_state();
+  if (state.command_count >= state.message_repeat) {
+    switch (dc_status) {
+      case kStatusRunning: if (s.verbose == 0) write_to_log("I_DC_STAT", "Data Collector Up"); break;
+      case kStatusNotRunning: if (s.verbose == 0) write_to_log("I_DC_STAT", "Data Collector Down"); break;
+      case kStatusNotInstalled: write_to_log("I_DC_STAT", "Data Collector not found!"); break;
+      case kStatusUnknown: write_to_log("I_DC_STAT", "Data Collector Status Unknown"); break;
+      case kStatusNone: break;
+      default: log_printf("I_DC_STAT", "Unknown code (%d)", dc_status);
+    }
+    switch (rta_status) {
+      case kStatusRunning: if (s.verbose == 0) write_to_log("I-RTA_STAT", "KOVArta UP"); break;
+      case kStatusNotRunning: if (s.verbose == 0) write_to_log("I-RTA_STAT", "KOVArta DOWN"); break;
+      case kStatusNotInstalled: write_to_log("I-RTA_STAT", "KOVArta not found"); break;
+      case kStatusUnknown: write_to_log("I-RTA_STAT", "KOVArta status unknown"); break;
+      case kStatusNone: break;
+      default: log_printf("I-RTA_STAT", "Unknown code (%d)", rta_status);
+    }
+  }
+  if (s.verbose == 1)
+    log_printf("I-KOVA_DCSTAT_DETAIL", "returned:  dc_stat: %d  dc_interval: %d  dc_peak_interval: %d  rta_stat:%d\n",
+               dc_status, dc.dc_interval, dc.dc_peak_interval, rta_status);
+}
+
+int start_collector(int fd, const std::string& address, const PacketBuffer& request, const AgentSettings& s) {
+  int dump = Packet_CheckOPCODE(request, 2);
+  if (dump < 0 || dump > 60000) dump = 120;
+  int peak = Packet_CheckOPCODE(request, 4) * 1000;
+  if (peak < 0 || peak > 60000) peak = 0;
+  log_printf("I-DC_START", "Start DC request from %s:    dump interval %d  peak interval %d", address.c_str(), dump,
+             peak);
+  int status = StartDC_UNIX(address, dump, peak, collector_state().dc_cmdline.retain, s);
+  write_to_log("I-DC_START", status == kStatusRunning ? "Data Collector started" : "Data Collector not started");
+  send_startstop(fd, status);
+  return 23;
+}
+
+int stop_collector(int fd, const std::string& address, const AgentSettings& s) {
+  log_printf("I-REQ_DC_STOP", "Stop Data Collector request from %s", address.c_str());
+  int status = StopDC_UNIX(s);
+  if (status == kStatusNotRunning)
+    write_to_log("I-DC_STOP", "Data Collector stopped");
+  else
+    log_printf("I-DC_STOP", "Data Collector NOT stopped - Code %d", status);
+  send_startstop(fd, status);
+  return 24;
+}
+
+int component_status(int fd, const AgentState& state) {
+  int dc_status = CheckDC_UNIX(state.settings);
+  int rta_status = CheckRTA_UNIX(state.settings);
+  log_component_states(state, dc_status, rta_status);
+  const CollectorState& dc = collector_state();
+  PacketBuffer reply{};
+  int n = Packet_CreateDCSTAT(dc_status, dc.dc_interval, rta_status, dc.dc_peak_interval / 1000, reply);
+  send_reply(fd, reply, static_cast<size_t>(n));
+  return 26;
+}
+
+int start_rta(int fd, const std::string& address, const PacketBuffer& request, const AgentSettings& s) {
+  int processes = Packet_CheckOPCODE(request, 2);
+  int port = Packet_CheckLONG(request, 4);
+  int scan_rate = Packet_CheckLONG(request, 8);
+  log_printf("I-RTA_START", "Start KOVArta request from %s", address.c_str());
+  log_printf("I-RTA_START", "Start KOVArta, Process: %d  Port: %d   ScanRate: %d", processes, port, scan_rate);
+  int status = StartRTA_UNIX(address, processes, port, scan_rate, s);
+  write_to_log("I-RTA_START", status == kStatusRunning ? "kovarta started" : "kovarta NOT started");
+  send_startstop(fd, status);
+  return 28;
+}
+
+int stop_rta(int fd, const std::string& address, const AgentSettings& s) {
+  log_printf("I-RTA_STOP", "Stop KOVArta request from %s", address.c_str());
+  int status = StopRTA_UNIX(s);
+  if (status == kStatusNotRunning)
+    write_to_log("I-RTA_STOP", "KOVArta stopped");
+  else
+    log_printf("I-RTA_STOP", "KOVArta Not stopped - Code %d", status);
+  send_startstop(fd, status);
+  return 29;
+}
+
+int sorlex_request(int fd, const std::string& address, int opcode, const AgentSettings& s) {
+  const std::string& root = s.search_agent_root;
+  int status;
+  if (opcode == 18) {
+    log_printf("I-SORLEX_START", "Start Sorlex request from %s", address.c_str());
+    status = StartSORLEX_UNIX(root, s.verbose);
+    write_to_log("I-SORLEX_START", status == kStatusRunning ? "sorlexagent started" : "sorlexagent NOT started");
+  } else if (opcode == 19) {
+    log_printf("I-SORLEX_STOP", "Stop SORLEX request from %s", address.c_str());
+    status = StopSORLEX_UNIX(root, s.verbose);
+    if (status == kStatusNotRunning)
+      write_to_log("I-SORLEX_STOP", "SORLEX stopped");
+    else
+      log_printf("I-SORLEX_STOP", "SORLEX Not stopped - Code %d", status);
+  } else {
+    log_printf("I-SORLEX_STATUS", "Status SORLEX request from %s", address.c_str());
+    status = CheckSORLEX_UNIX(root, s.verbose);
+    write_to_log("I-SORLEX_STATUS", status == kStatusNotRunning ? "SORLEX stopped"
+                                    : status == kStatusRunning  ? "SORLEX Started"
+                                                                : "SORLEX NOT FOUND");
+  }
+  send_startstop(fd, status);
+  return 30;
+}
+
+int receive_memory_file(int fd, const std::string& address, const PacketBuffer& request, const AgentSettings& s) {
+  PacketBuffer buffer{}, spare{};
+  (void)request;
+  int result = receive_ascii_file(fd, s, s.memory_file_path, address, buffer, spare, 1, 9);
+  if (result != 0) {
+    int err = errno;
+    log_printf("E-MEMF", "Problem receiving .MEMORY :  %d %s\n", err, std::strerror(err));
+    send_error(fd, result);
+  }
+  return result;
+}
+
+// A request this agent does not serve yet: logged, connection closed.
+int not_served(const char* what) {
+  log_printf("W-NOT_SERVED", "Request %s is not served by this agent", what);
+  return 30;
+}
+
+int extended_request(int fd, const std::string& address, const PacketBuffer& request, AgentState& state) {
+  ExtendedRequest ext;
+  if (read_extended_request(fd, request, ext, state.settings.verbose) != FrameStatus::kOk) return 30;
+  log_printf("I-REQ_EXTEND", "Extended Request %s  from %s", ext.tag.data(), address.c_str());
+
+  const AgentSettings& s = state.settings;
+  switch (match_extended_tag(ext.tag.data())) {
+    case ExtendedTag::kMerg: return not_served("<MERG>");
+    case ExtendedTag::kAppData: return not_served("<APPDATA>");
+    case ExtendedTag::kPerfNode: return not_served("PERF_NODE");
+    case ExtendedTag::kSysConfigNode:
+      (void)socketsend_char_status(fd, 0);
+      return not_served("SYSCONFIG_NODE");
+    case ExtendedTag::kGetAgentVersion:
+      (void)socketsend_char_status(fd, 0);
+      return process_getversion_request(fd, s);
+    case ExtendedTag::kGetAgentRelease:
+      (void)socketsend_char_status(fd, 0);
+      return process_getrelease_request(fd, s);
+    case ExtendedTag::kGetAgentOs:
+      (void)socketsend_char_status(fd, 0);
+      return process_getos_request(fd, s);
+    case ExtendedTag::kDiskSpace:
+      (void)socketsend_char_status(fd, 0);
+      return process_getdiskspace_request(fd, s, address, ext.payload.data(), ext.length);
+    case ExtendedTag::kUpdateData:
+      (void)socketsend_char_status(fd, 0);
+      return not_served("<UPDATE_DATA>");
+    case ExtendedTag::kDcStatNode:
+      (void)socketsend_char_status(fd, 0);
+      return not_served("DCSTAT_NODE");
+    case ExtendedTag::kDcStopNode:
+      (void)socketsend_char_status(fd, 0);
+      return not_served("DCSTOP_NODE");
+    case ExtendedTag::kDcStartNode:
+      (void)socketsend_char_status(fd, 0);
+      return not_served("DCSTART_NODE");
+    case ExtendedTag::kMemoryNode:
+      (void)socketsend_char_status(fd, kResultMemoryNode);
+      return 30;
+    case ExtendedTag::kUnknown:
+      (void)socketsend_char_status(fd, kResultUnknownCode);
+      log_printf("W-UKNTAG", "Unknown extended request %s  from %s", ext.tag.data(), address.c_str());
+      return 30;
+  }
+  return 30;
+}
+
+}  // namespace
+
+int validateConsole(const std::string& address, const std::string& registered) {
+  if (registered == kAnyServer) return 1;
+  return registered.find(address) != std::string::npos ? 1 : 0;
+}
+
+int process_request(int fd, const std::string& address, AgentState& state, int pid) {
+  const AgentSettings& s = state.settings;
+  PacketBuffer request{};
+  if (read_request(fd, request, s.verbose) < 0) {
+    log_printf("E-READ", "Request read error:  %s\n", std::strerror(errno));
+    return 1;
+  }
+  int opcode = request_opcode(request);
+  if (s.verbose) log_printf("I-READ", "Check packet type... pid: %d  opcode: %d", pid, opcode);
+
+  switch (opcode) {
+    case 1: return not_served("1");
+    case 2: return receive_memory_file(fd, address, request, s);
+    case 3: return start_collector(fd, address, request, s);
+    case 4: return stop_collector(fd, address, s);
+    case 5: return 30;
+    case 6: return component_status(fd, state);
+    case 7: return kResultTerminate;
+    case 8:
+    case 13: return not_served(opcode == 8 ? "8" : "13");
+    case 9: return start_rta(fd, address, request, s);
+    case 10: return stop_rta(fd, address, s);
+    case 14: {
+      write_to_log("I-VERS", "sending version to server 6.0 \n");
+      PacketBuffer reply{};
+      Packet_CreateVERS(6, 0, reply);
+      send_reply(fd, reply, 8);
+      return 30;
+    }
+    case 15: return not_served("15");
+    case 16: {
+      write_to_log("I-VERS", "sending os ID \n");
+      PacketBuffer reply{};
+      Packet_CreateOS(reply, kOsId);
+      send_reply(fd, reply, 4);
+      return 30;
+    }
+    case 18:
+    case 19:
+    case 20: return sorlex_request(fd, address, opcode, s);
+    case kOpcodeExtended: return extended_request(fd, address, request, state);
+    default:
+      log_printf("E-UNKNOWN_CODE", "Unknown code from server, %s   code %d", address.c_str(), opcode);
+      return 30;
+  }
+}
+
+}  // namespace kova

@@ -1,0 +1,20 @@
+// One request: read the 40-byte request packet, dispatch on its opcode (or
+// on the tag of an extended request), reply, and report the result.
+#pragma once
+
+#include <string>
+
+#include "core/agent_state.h"
+
+namespace kova {
+
+// 1 when `registered` is "0.0.0.0" (every server) or `address` occurs
+// anywhere in it (it may list several addresses).
+int validateConsole(const std::string& address, const std::string& registered);
+
+// Serves the request on connection `fd` from `address`. `pid` is the
+// request child's pid, 0 when the agent serves requests itself. Returns
+// kResultTerminate for a terminate request; other values are informative.
+int process_request(int fd, const std::string& address, AgentState& state, int pid);
+
+}  // namespace kova

@@ -1,0 +1,99 @@
+#include "core/request_loop.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "core/daemon.h"
+#include "core/dispatch.h"
+#include "core/log.h"
+#include "core/log_day.h"
+#include "platform/unique.h"
+#include "wire/packet.h"
+#include "wire/request.h"
+#include "wire/socket_io.h"
+#include "wire/status.h"
+
+namespace kova {
+namespace {
+
+// A peer that is not a registered server gets its request drained and an
+// error packet. A failed drain ends the agent: that read runs in the
+// listening process itself, and installed servers rely on the agent's
+// exit there being what it has always been.
+void refuse_unregistered(UniqueFd connection, const std::string& address, const AgentState& state) {
+  PacketBuffer request{};
+  if (Socket_readn(connection.get(), request.data(), kRequestSize, state.detailed_logging) < 0) {
+    if (state.detailed_logging == 1) write_to_log("E-READ", "Couldnt read socket, exiting child...");
+    connection.reset();
+    std::exit(0);
+  }
+  log_printf("W-UNREG_SERV", "Request from unregistered server %s", address.c_str());
+  PacketBuffer reply{};
+  Packet_CreateERR(kResultUnregisteredServer, reply);
+  (void)Socket_writen(connection.get(), reply.data(), 8);
+}
+
+}  // namespace
+
+void request_loop(AgentState& state) {
+  AgentSettings& settings = state.settings;
+  for (;;) {
+    sockaddr_in peer{};
+    socklen_t peer_len = sizeof peer;
+    UniqueFd connection(::accept4(state.listen_fd, reinterpret_cast<sockaddr*>(&peer), &peer_len, SOCK_CLOEXEC));
+    if (!connection) {
+      log_printf("E-ACCEPT", "accept() error : %s", std::strerror(errno));
+      if (settings.use_lock == 1) ::unlink(settings.agent_lock_path.c_str());
+      continue;
+    }
+    char text[INET_ADDRSTRLEN] = {};
+    ::inet_ntop(AF_INET, &peer.sin_addr, text, sizeof text);
+    const std::string address = text;
+
+    if (std::getenv("KOVA_DEBUG") != nullptr) state.detailed_logging = 1;
+    if (state.detailed_logging == 1) log_printf("I-REQ", "Request from: %s", address.c_str());
+
+    if (validateConsole(address, settings.server) != 1) {
+      refuse_unregistered(std::move(connection), address, state);
+      continue;
+    }
+
+    if (++state.command_count > state.message_repeat) state.command_count = 0;
+    if (get_log_file_name_unix(settings) == 1) write_log_header(settings);
+
+    if (settings.fork == 0) {
+      int result = process_request(connection.get(), address, state, 0);
+      connection.reset();
+      if (result == kResultTerminate) TerminateAgent(0);
+      continue;
+    }
+
+    std::fflush(nullptr);  // nothing buffered may be written twice
+    pid_t pid = ::fork();
+    if (pid != 0) continue;  // the parent (or a failed fork) drops its copy
+
+    // ---- the request child
+    ::close(state.listen_fd);
+    state.listen_fd = -1;
+    set_terminate_state(-1, settings.use_lock, settings.agent_lock_path);
+    if (state.detailed_logging == 1) log_printf("I-REQ_STR", "Request started: pid %d", ::getpid());
+    int result = process_request(connection.get(), address, state, ::getpid());
+    if (result == kResultTerminate) {
+      connection.reset();
+      TerminateAgent(0);  // ends this child only
+    }
+    if (state.detailed_logging == 1) log_printf("I-REQ_FIN", "Request finished: pid %d", ::getpid());
+    connection.reset();
+    std::fflush(nullptr);
+    ::_exit(0);
+  }
+}
+
+}  // namespace kova

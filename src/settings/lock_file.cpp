@@ -1,0 +1,338 @@
+#include "settings/lock_file.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <string_view>
+
+#include "components/findproc.h"
+#include "core/clock.h"
+#include "core/log.h"
+#include "core/version.h"
+#include "platform/unique.h"
+#include "settings/command_line.h"
+
+namespace kova {
+namespace {
+
+// Applies one lock-file line; false when it holds no known key.
+bool apply_lock_line(std::string_view line, AgentLockRecord& r) {
+  auto value = [&](std::string_view key, std::string& out) {
+    size_t at = line.find(key);
+    if (at == std::string_view::npos) return false;
+    std::string_view rest = line.substr(at + key.size());
+    if (!rest.empty()) rest.remove_suffix(1);
+    out = rest;
+    return true;
+  };
+  auto number = [&](std::string_view key, int& out) {
+    size_t at = line.find(key);
+    if (at == std::string_view::npos) return false;
+    out = std::atoi(std::string(line.substr(at + key.size())).c_str());
+    return true;
+  };
+  if (number("PID~", r.pid)) return true;
+  if (value("STARTED~", r.start_time)) return true;
+  if (value("VERSION~", r.version)) return true;
+  if (value("INSTALL_DIR~", r.install_dir)) return true;
+  if (line.substr(0, 8) == "DATA_DIR") {
+    std::string_view rest = line.substr(std::min(line.size(), std::strlen("DATA_DIR~")));
+    if (!rest.empty()) rest.remove_suffix(1);
+    r.data_dir = rest;
+    return true;
+  }
+  if (value("APP_DATA_DIR~", r.app_data_dir)) return true;
+  if (value("COMPRESSION_COMMAND~", r.compression_command)) return true;
+  if (value("LOG_DIR~", r.log_dir)) return true;
+  if (value("REMOTE_DIR~", r.remote_dir)) return true;
+  if (value("TEMP_DIR~", r.temp_dir)) return true;
+  if (number("VERBOSE~", r.verbose)) return true;
+  if (number("KOVAAGENT_PORT~", r.port)) return true;
+  if (value("KOVASERVER~", r.server)) return true;
+  if (value("SETTINGS_SERVER~", r.settings_server)) return true;
+  if (value("USER~", r.user)) return true;
+  if (value("DATA_SOURCE~", r.data_source)) return true;
+  return false;
+}
+
+// Releases 5.6 to 5.9 predate the lock file; there the process table alone
+// tells whether an agent runs without one.
+bool release_without_lock_file() {
+  struct utsname uts;
+  if (::uname(&uts) != 0) return false;
+  std::string_view release = uts.release;
+  for (const char* old : {"5.6", "5.7", "5.8", "5.9"})
+    if (release.find(old) != std::string_view::npos) return true;
+  return false;
+}
+
+bool exists(const std::string& path) {
+  struct stat st;
+  return ::stat(path.c_str(), &st) == 0;
+}
+
+void print_report(const AgentLockRecord& r) {
+  std::printf("\nStatus\t\t\t\t:\t%s \n", "Running");
+  std::printf("Pid\t\t\t\t:\t%d\n", r.pid);
+  std::printf("Data source\t\t\t:\t%s \n", r.data_source.c_str());
+  std::printf("Start time\t\t\t:\t%s \n", r.start_time.c_str());
+  std::printf("Install directory\t\t:\t%s\n", r.install_dir.c_str());
+  std::printf("Log file directory\t\t:\t%s\n", r.log_dir.c_str());
+  if (r.remote == 1) {
+    std::printf("\n");
+    std::printf("Remote\t\t\t\t:\tOn\n");
+    std::printf("Remote schedule\t\t\t:\t%02d:%02d\n", r.schedule_hour, r.schedule_minute);
+    std::printf("Remote directory\t\t:\t%s\n", r.remote_dir.c_str());
+    std::printf("Retain days \t\t\t:\t%d\n", r.retain_days);
+    std::printf("\n");
+  } else {
+    std::printf("KOVAServer\t\t\t:\t%s\n", r.server.c_str());
+    if (r.settings_server.compare(0, 7, "0.0.0.0") != 0)
+      std::printf("Settings Server\t\t\t:\t%s\n", r.settings_server.c_str());
+    std::printf("Port\t\t\t\t:\t%d\n", r.port);
+  }
+  std::printf(r.verbose == 1 ? "Verbose logging\t\t\t:\tOn\n" : "Verbose logging\t\t\t:\tOff\n");
+  if (r.priority != 0) std::printf("Priority\t\t\t:\t%d\n", r.priority);
+  std::printf("\n");
+  std::printf("App Data directory\t\t:\t%s\n", r.app_data_dir.c_str());
+  std::printf("Compression Command\t\t:\t%s\n", r.compression_command.c_str());
+  std::string data_dir;
+  if (kova_resolve_softlink(r.data_dir, data_dir, 0) != 1) data_dir = r.data_dir;
+  std::printf("Data directory\t\t\t:\t%s\n", data_dir.c_str());
+  float free_kb = 0, percent = 0;
+  if (check_free(data_dir, &free_kb, &percent) == 1) {
+    std::printf("%s", format_free_space(free_kb, percent).c_str());
+    std::printf("data-collection\n");
+  }
+}
+
+}  // namespace
+
+std::string format_free_space(float free_kb, float percent_free) {
+  const char* unit = "Kb";
+  float value = free_kb;
+  if (free_kb >= 1000) {
+    float mb = free_kb / 1024;
+    if (mb < 1000) {
+      unit = "Mb";
+      value = mb;
+    } else if (mb / 1024 < 1000) {
+      unit = "Gb";
+      value = mb / 1024;
+    } else {
+      unit = "Mb";  // beyond 999 Gb the figure stays in kilobytes, labelled Mb
+    }
+  }
+  if (std::strcmp(unit, "Kb") == 0)
+    return string_printf("\nFree space on filesystem of\t:\t%7.0f %s ( %0.2f%% free).\n", value, unit, percent_free);
+  return string_printf("\nFree space on filesystem of\t:\t%7.3f %s ( %0.2f%% free).\n", value, unit, percent_free);
+}
+
+int check_free(const std::string& path, float* free_kb, float* percent_free) {
+  *free_kb = 0;
+  *percent_free = 0;
+  struct statvfs vfs;
+  if (::statvfs(path.c_str(), &vfs) != 0) return 0;
+  unsigned long long available = vfs.f_bavail;
+  unsigned long long used = vfs.f_blocks - vfs.f_bfree;
+  *free_kb = static_cast<float>((available * vfs.f_frsize) >> 10);
+  if (available + used > 0)
+    *percent_free = static_cast<float>(static_cast<double>(available) * 100.0 / static_cast<double>(available + used));
+  return 1;
+}
+
+int kova_read_lockfile(const std::string& path, AgentLockRecord& record) {
+  UniqueFile file(std::fopen(path.c_str(), "r"));
+  if (!file) {
+    if (errno == ENOENT) return -1;
+    if (errno == EACCES) return -2;
+    return 0;
+  }
+  int matched = 0;
+  char* buffer = nullptr;
+  size_t capacity = 0;
+  ssize_t length;
+  while ((length = ::getline(&buffer, &capacity, file.get())) != -1)
+    if (apply_lock_line(std::string_view(buffer, static_cast<size_t>(length)), record)) ++matched;
+  std::free(buffer);
+  file.reset();
+  if (matched == 0) {
+    ::unlink(path.c_str());
+    return 0;
+  }
+  return 1;
+}
+
+int kova_delete_existing_lockfile(const std::string& path, int verbose) {
+  if (exists(path)) {
+    if (verbose) std::fprintf(stderr, "KOVA-I-DELLOCK: found old lockfile, deleting  %s \n", path.c_str());
+    ::unlink(path.c_str());
+  }
+  return 1;
+}
+
+int is_kova_running(const AgentSettings& settings, int* pid_out) {
+  *pid_out = -1;
+  if (!exists(settings.agent_lock_path)) {
+    if (!release_without_lock_file()) return 0;
+    int pid = find_process_by_name(kProgramName, ::getpid(), 0);
+    if (pid <= 0) return 0;
+    *pid_out = pid;
+    return 1;
+  }
+  AgentLockRecord record;
+  int read = kova_read_lockfile(settings.agent_lock_path, record);
+  if (read != 1) return read;
+  int running = findproc(kProgramName, record.pid, 0);
+  if (running > 0) *pid_out = record.pid;
+  return running;
+}
+
+int kova_status(const std::string& /*install_root*/, const std::string& lock_path, int /*mode*/, int /*reserved*/,
+                int delete_stale) {
+  AgentLockRecord record;
+  int read = kova_read_lockfile(lock_path, record);
+  if (read == 0) std::fprintf(stderr, "%s , unable to read lockfile, %s \n", kProgramName, lock_path.c_str());
+  if (read == -2) {
+    std::fprintf(stderr, "%s , unable to read lockfile, %s, permission denied\n", kProgramName, lock_path.c_str());
+    return 0;
+  }
+
+  int found_pid = -1;
+  int running;
+  if (read == 1) {
+    running = findproc(kProgramName, record.pid, 0);
+  } else if (read == -1 && !release_without_lock_file()) {
+    running = 0;  // no lock file: nothing runs here
+  } else {
+    found_pid = find_process_by_name(kProgramName, ::getpid(), 0);
+    running = found_pid > 0 ? 1 : 0;
+  }
+
+  if (running == -1 && read == 0) {
+    std::fprintf(stderr, "insufficient privilege to open /proc for status, proc_owner required\n");
+    return 0;
+  }
+  if (running == 0 && read < 1) {
+    std::printf("%s is not running.\n", kProgramName);
+    return 0;
+  }
+  if (running == 0 && read == 1) {
+    if (delete_stale == 1) ::unlink(lock_path.c_str());
+    found_pid = find_process_by_name(kProgramName, ::getpid(), 0);
+    if (found_pid > 0) {
+      std::fprintf(stderr, "%s: unable to get statistics, lockfile missing, %s\n", kProgramName, lock_path.c_str());
+      std::fprintf(stderr, "%s: running as pid %d \n", kProgramName, found_pid);
+      return 1;
+    }
+    std::printf("%s is not running.\n", kProgramName);
+    return 0;
+  }
+  if (running == 1 && read < 1) {
+    std::fprintf(stderr, "%s: unable to open lockfile, %s\n", kProgramName, lock_path.c_str());
+    if (found_pid > 0)
+      std::fprintf(stderr, "%s: running as pid %d \n", kProgramName, found_pid);
+    else
+      std::fprintf(stderr, "%s: running unknown pid \n", kProgramName);
+    return 1;
+  }
+  if (running != 1 || read != 1) {
+    std::printf("%s is not running.\n", kProgramName);
+    return 0;
+  }
+  print_report(record);
+  return 1;
+}
+
+int kova_stop(const std::string& lock_path, int announce) {
+  AgentLockRecord record;
+  int read = kova_read_lockfile(lock_path, record);
+  if (read == 0) std::fprintf(stderr, "%s , unable to read lockfile, %s \n", kProgramName, lock_path.c_str());
+
+  int pid;
+  int running;
+  if (read == 1) {
+    pid = record.pid;
+    running = findproc(kProgramName, pid, 0);
+  } else {
+    pid = find_process_by_name(kProgramName, ::getpid(), 0);
+    running = pid > 0 ? 1 : 0;
+  }
+  if (running != 1) {
+    std::printf("\n%s is not running\n", kProgramName);
+    return 1;
+  }
+  if (announce == 1) std::printf("\nStopping %s (pid %d)\n", kProgramName, pid);
+  if (::kill(pid, SIGINT) != 0) {
+    std::fprintf(stderr, "Fatal: Unable to kill pid %d \n", pid);
+    return 0;
+  }
+  return 1;
+}
+
+int kova_write_lockfile(const AgentSettings& s) {
+  std::time_t now = clock_now();
+  char stamp[64] = {};
+  ctime_r(&now, stamp);
+  if (size_t n = std::strlen(stamp); n > 0 && stamp[n - 1] == '\n') stamp[n - 1] = '\0';
+
+  const std::string& path = s.agent_lock_path;
+  if (exists(path)) {
+    if (kova_status(s.install_root, path, 2, 0, s.use_lock) == 1) return -1;
+    std::fprintf(stderr, "KOVA-I-DELLOCK: Found old lockfile, deleting...\n");
+    std::fprintf(stderr, "KOVA-I-DELLOCK: rm  %s\n", path.c_str());
+    ::unlink(path.c_str());
+    return 0;
+  }
+
+  UniqueFd fd(::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+  if (!fd) {
+    std::fprintf(stderr, "Fatal: %s is already running\n", kProgramName);
+    kova_status(s.install_root, path, 1, 0, s.use_lock);
+    return 0;
+  }
+  ::fchmod(fd.get(), 0644);
+  UniqueFile file(::fdopen(fd.get(), "w"));
+  if (!file) {
+    std::fprintf(stderr, "Fatal: Unable to write to lockfile : %s \n", std::strerror(errno));
+    return 0;
+  }
+  fd.release();  // the stream owns the descriptor now
+  if (::lockf(::fileno(file.get()), F_TLOCK, 0) != 0) {
+    std::fprintf(stderr, "Fatal: %s is already running\n", kProgramName);
+    return 0;
+  }
+  std::FILE* f = file.get();
+  std::fprintf(f, "PID~%d\n", ::getpid());
+  std::fprintf(f, "STARTED~%s\n", stamp);
+  std::fprintf(f, "VERSION~%s:%s\n", kBuildVersion, kBuildDate);
+  std::fprintf(f, "INSTALL_DIR~%s\n", s.install_root.c_str());
+  std::fprintf(f, "DATA_DIR~%s\n", s.data_dir.c_str());
+  std::fprintf(f, "LOG_DIR~%s\n", s.log_dir.c_str());
+  std::fprintf(f, "APP_DATA_DIR~%s\n", s.app_data_dir.c_str());
+  std::fprintf(f, "COMPRESSION_COMMAND~%s\n", s.compression_command.c_str());
+  std::fprintf(f, "REMOTE_DIR~%s\n", s.outgoing_dir.c_str());
+  std::fprintf(f, "VERBOSE~%d\n", s.verbose);
+  std::fprintf(f, "PRIORITY~%d\n", s.priority);
+  std::fprintf(f, "KOVAAGENT_PORT~%d\n", s.port);
+  std::fprintf(f, "KOVASERVER~%s\n", s.server.c_str());
+  std::fprintf(f, "SETTINGS_SERVER~%s\n", s.settings_server.c_str());
+  std::fprintf(f, "DATA_SOURCE~%s\n", s.measureware_source == 1 ? kDataSourceMeasureware : kDataSourceCollector);
+  std::fprintf(f, "USER~%s\n", s.user.c_str());
+  if (file.close() != 0) {
+    std::fprintf(stderr, "Fatal: Unable to write to lockfile : %s \n", std::strerror(errno));
+    return 0;
+  }
+  return 1;
+}
+
+}  // namespace kova
