@@ -6,14 +6,23 @@ namespace kova {
 
 // Fixes the kept capability set as permitted, inheritable and ambient,
 // drops all others from the bounding set where possible and keeps the set
-// across the switch to the service account. Exits the process with status 1
-// when the mechanism itself fails (its message printed only when verbose).
-// Returns setreuid(getuid(), getuid())'s result.
+// across the switch to the service account: after priv_init and priv_on, a
+// root process may setuid and then still setgid. A kept capability the
+// process does not hold is left out, so an unprivileged account can start
+// the agent. Exits the process with status 1 when the mechanism itself
+// fails (its message printed only when verbose). Returns
+// setreuid(getuid(), getuid())'s result.
 int priv_init(int verbose);
 
-// Raise and drop the kept capabilities in the effective set. priv_on
-// returns a negative value when they could not be raised.
+// Raise and drop the kept capabilities in the effective set, as far as the
+// process holds them. priv_on returns a negative value when they could not
+// be raised.
 int priv_on();
 void priv_off();
+
+// True when the process holds nothing outside the kept set and can gain
+// nothing outside it by exec: its permitted and inheritable sets and its
+// bounding set are within the kept set.
+bool priv_kept_only();
 
 }  // namespace kova

@@ -1,0 +1,120 @@
+#include "platform/privileges.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/securebits.h>
+#include <sys/capability.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "support/temp_dir.h"
+
+namespace kova {
+namespace {
+
+constexpr unsigned long long bit(int cap) { return 1ULL << cap; }
+
+constexpr unsigned long long kKept = bit(CAP_DAC_READ_SEARCH) | bit(CAP_DAC_OVERRIDE) | bit(CAP_FOWNER) |
+                                     bit(CAP_KILL) | bit(CAP_SYS_PTRACE) | bit(CAP_SETUID) | bit(CAP_SETGID);
+constexpr uid_t kNobody = 65534;
+
+bool readable(const std::string& path) {
+  int fd = ::open(path.c_str(), O_RDONLY);
+  if (fd >= 0) ::close(fd);
+  return fd >= 0;
+}
+
+// One capability set of the calling process as the kernel reports it
+// ("CapPrm", "CapEff", "CapInh", "CapAmb", "CapBnd").
+unsigned long long caps(const char* set) {
+  std::string status = test::read_file("/proc/self/status");
+  std::size_t at = status.find(std::string(set) + ":");
+  return std::strtoull(status.c_str() + at + 7, nullptr, 16);
+}
+
+// Checks in a forked child end it with status 1 and say which one failed.
+#define CHILD_CHECK(condition)                                     \
+  do {                                                             \
+    if (!(condition)) {                                            \
+      std::fprintf(stderr, "line %d: %s\n", __LINE__, #condition); \
+      ::_exit(1);                                                  \
+    }                                                              \
+  } while (0)
+
+TEST(Privileges, RootKeepsOnlyTheSetAcrossTheSwitchToTheServiceAccount) {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root";
+  test::TempDir dir;
+  test::write_file(dir / "root_only", "x");
+  const std::string root_only = dir / "root_only";
+  EXPECT_EXIT(
+      {
+        CHILD_CHECK(!priv_kept_only());
+        CHILD_CHECK(priv_init(1) == 0);
+        CHILD_CHECK(caps("CapPrm") == kKept && caps("CapInh") == kKept && caps("CapAmb") == kKept);
+        CHILD_CHECK((caps("CapBnd") & ~kKept) == 0);
+        CHILD_CHECK(priv_on() == 0);
+        // The order kova_relinquish_root switches in.
+        CHILD_CHECK(::setuid(kNobody) == 0 && ::setgid(kNobody) == 0);
+        CHILD_CHECK(::getuid() == kNobody && ::geteuid() == kNobody && ::getegid() == kNobody);
+        CHILD_CHECK(caps("CapPrm") == kKept && caps("CapEff") == kKept && priv_kept_only());
+        CHILD_CHECK(readable(root_only));
+        priv_off();
+        CHILD_CHECK(caps("CapEff") == 0 && !readable(root_only));
+        CHILD_CHECK(priv_on() == 0 && caps("CapEff") == kKept);
+        // The kept CAP_SETUID brings uid 0 back, but not one capability more.
+        CHILD_CHECK(::setuid(0) == 0 && caps("CapPrm") == kKept && priv_kept_only());
+        ::_exit(0);
+      },
+      ::testing::ExitedWithCode(0), "^$");
+}
+
+TEST(Privileges, WhatIsNotHeldIsLeftOut) {
+  if (::geteuid() == 0) {
+    EXPECT_EXIT(
+        {
+          cap_t without_kill = cap_get_proc();
+          cap_value_t kill_cap = CAP_KILL;
+          cap_set_flag(without_kill, CAP_PERMITTED, 1, &kill_cap, CAP_CLEAR);
+          cap_set_flag(without_kill, CAP_EFFECTIVE, 1, &kill_cap, CAP_CLEAR);
+          CHILD_CHECK(cap_set_proc(without_kill) == 0);
+          CHILD_CHECK(priv_init(1) == 0);
+          CHILD_CHECK(caps("CapPrm") == (kKept & ~bit(CAP_KILL)) && caps("CapAmb") == caps("CapPrm"));
+          ::_exit(0);
+        },
+        ::testing::ExitedWithCode(0), "^$");
+  }
+  // A service account that holds nothing can still start the agent.
+  EXPECT_EXIT(
+      {
+        if (::geteuid() == 0) CHILD_CHECK(::setgid(kNobody) == 0 && ::setuid(kNobody) == 0);
+        CHILD_CHECK(caps("CapPrm") == 0);
+        CHILD_CHECK(priv_init(1) == 0);
+        CHILD_CHECK(caps("CapPrm") == 0 && prctl(PR_GET_KEEPCAPS) == 1);
+        CHILD_CHECK(priv_on() == 0);
+        priv_off();
+        ::_exit(0);
+      },
+      ::testing::ExitedWithCode(0), "^$");
+}
+
+TEST(Privileges, FailureExitsOneAndSpeaksOnlyWhenVerbose) {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root";
+  for (int verbose : {0, 1}) {
+    EXPECT_EXIT(
+        {
+          // Locked off, the bits that keep the set across setuid cannot be set.
+          prctl(PR_SET_SECUREBITS, SECBIT_KEEP_CAPS_LOCKED | SECBIT_NO_SETUID_FIXUP_LOCKED);
+          priv_init(verbose);
+          ::_exit(0);
+        },
+        ::testing::ExitedWithCode(1),
+        verbose != 0 ? "^kovaagent: set PRIV_PERMITTED failed: Operation not permitted\n$" : "^$");
+  }
+}
+
+}  // namespace
+}  // namespace kova
