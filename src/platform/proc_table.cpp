@@ -1,0 +1,62 @@
+#include "platform/proc_table.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <charconv>
+
+namespace kova {
+namespace {
+
+// As the short name was always kept: 15 characters and a terminating NUL.
+constexpr std::size_t kFnameMax = 15;
+
+unsigned long long zone_of(const std::string& proc_dir) {
+  struct stat st;
+  if (::stat((proc_dir + "/ns/pid").c_str(), &st) != 0) return 0;
+  return static_cast<unsigned long long>(st.st_ino);
+}
+
+}  // namespace
+
+unsigned long long getzoneid() { return zone_of("/proc/self"); }
+
+bool is_process_entry(const char* name) {
+  if (*name == '\0') return false;
+  for (; *name != '\0'; ++name)
+    if (*name < '0' || *name > '9') return false;
+  return true;
+}
+
+std::string proc_info_path(const std::string& proc_dir) { return proc_dir + "/stat"; }
+
+int read_proc_info(int fd, const std::string& proc_dir, ProcInfo& info) {
+  // The pid and the name open the record; the rest of it is not needed.
+  char buf[512];
+  ssize_t n = ::read(fd, buf, sizeof buf);
+  if (n < 0) return -1;
+  if (n == 0 || !parse_proc_info(std::string_view(buf, static_cast<std::size_t>(n)), info)) return 0;
+  info.zone = zone_of(proc_dir);
+  return 1;
+}
+
+bool parse_proc_info(std::string_view record, ProcInfo& info) {
+  std::size_t open = record.find('(');
+  std::size_t close = record.rfind(')');
+  if (open == std::string_view::npos || close == std::string_view::npos || close < open) return false;
+  std::string_view digits = record.substr(0, open);
+  while (!digits.empty() && digits.back() == ' ') digits.remove_suffix(1);
+  int pid = 0;
+  auto [end, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), pid);
+  if (ec != std::errc() || end != digits.data() + digits.size() || digits.empty()) return false;
+  info.pid = pid;
+  info.fname.assign(record.substr(open + 1, std::min(close - open - 1, kFnameMax)));
+  return true;
+}
+
+bool in_zone(const ProcInfo& info, unsigned long long zone) {
+  return info.zone == 0 || zone == 0 || info.zone == zone;
+}
+
+}  // namespace kova

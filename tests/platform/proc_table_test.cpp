@@ -1,0 +1,57 @@
+#include "platform/proc_table.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "platform/unique.h"
+
+namespace kova {
+namespace {
+
+TEST(ParseProcInfo, NameLiesBetweenFirstOpenAndLastCloseCutTo15) {
+  struct Case {
+    const char* record;
+    bool ok;
+    int pid;
+    const char* fname;
+  } cases[] = {
+      {"4711 (vorn_monitor) S 1 4711 4711 0 -1", true, 4711, "vorn_monitor"},
+      {"12 (a) (b) R 1", true, 12, "a) (b"},
+      {"7 (sixteen_chars_xy) S 1", true, 7, "sixteen_chars_x"},
+      {"8 () S", true, 8, ""},
+      {"x (name) S", false, 0, ""},
+      {"9 name S", false, 0, ""},
+      {"9 )name( S", false, 0, ""},
+  };
+  for (const Case& c : cases) {
+    ProcInfo info;
+    ASSERT_EQ(parse_proc_info(c.record, info), c.ok) << c.record;
+    if (!c.ok) continue;
+    EXPECT_EQ(info.pid, c.pid) << c.record;
+    EXPECT_EQ(info.fname, c.fname) << c.record;
+  }
+}
+
+TEST(ReadProcInfo, ReadsOwnRecordAndTellsEmptyFromFailed) {
+  ProcInfo info;
+  UniqueFd self(::open(proc_info_path("/proc/self").c_str(), O_RDONLY));
+  ASSERT_EQ(read_proc_info(self.get(), "/proc/self", info), 1);
+  EXPECT_EQ(info.pid, ::getpid());
+  EXPECT_EQ(info.fname, "test_platform");
+  EXPECT_NE(getzoneid(), 0u);
+  EXPECT_EQ(info.zone, getzoneid());
+
+  UniqueFd empty(::open("/dev/null", O_RDONLY));
+  EXPECT_EQ(read_proc_info(empty.get(), "/proc/self", info), 0);
+  UniqueFd directory(::open("/proc/self", O_RDONLY | O_DIRECTORY));
+  EXPECT_EQ(read_proc_info(directory.get(), "/proc/self", info), -1);
+
+  ProcInfo unknown{1, "x", 0};
+  EXPECT_TRUE(in_zone(unknown, getzoneid()));
+  ProcInfo other{1, "x", getzoneid() + 1};
+  EXPECT_FALSE(in_zone(other, getzoneid()));
+}
+
+}  // namespace
+}  // namespace kova
