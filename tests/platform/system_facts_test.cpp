@@ -1,7 +1,6 @@
 #include "platform/system_facts.h"
 
 #include <gtest/gtest.h>
-#include <sys/utsname.h>
 
 #include <cstdio>
 
@@ -18,22 +17,10 @@ TEST(SystemFacts, CountsOnlyWholeDisks) {
   EXPECT_EQ(disk_count((dir / "missing").c_str()), 0);
 }
 
-TEST(SystemFacts, PlatformIsProductNameElseMachine) {
-  test::TempDir dir;
-  utsname uts;
-  ASSERT_EQ(::uname(&uts), 0);
-  test::write_file(dir / "product", "Standard PC (Q35 + ICH9, 2009)\n");
-  test::write_file(dir / "blank", " \n");
-  EXPECT_EQ(platform_name((dir / "product").c_str()), "Standard PC (Q35 + ICH9, 2009)");
-  EXPECT_EQ(platform_name((dir / "blank").c_str()), uts.machine);
-  EXPECT_EQ(platform_name((dir / "missing").c_str()), uts.machine);
-}
-
-TEST(SystemFacts, MemoryMatchesTheKernelsTotal) {
+TEST(SystemFacts, MemoryAndHostIdAgreeWithTheKernelAndHostid) {
   std::string meminfo = test::read_file("/proc/meminfo");
   long long kb = std::stoll(meminfo.substr(meminfo.find(':') + 1));
   EXPECT_EQ(physical_memory_bytes(), kb * 1024);
-  EXPECT_GE(processor_count(), 1);
   if (test::file_exists("/usr/bin/hostid")) {
     std::FILE* out = ::popen("/usr/bin/hostid", "r");
     char line[64] = {};
