@@ -1,0 +1,331 @@
+// kovaget: asks a running agent one thing, as the central server would, and
+// prints the answer in plain words (or as a hex dump with --raw).
+//
+//   kovaget [-s host] [-p port] [-t seconds] [--raw] [-o path] COMMAND [ARGS]
+//
+// Each command is one row of kCommands: a new request type is a new row
+// and a small function built from the client library's calls.
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "kova_client.h"
+#include "replies.h"
+#include "wire/status.h"
+
+namespace {
+
+using kova::client::Connection;
+using kova::client::Request;
+using kova::client::Status;
+
+constexpr int kDefaultPort = 1661;
+constexpr size_t kRecordLimit = 1u << 20;
+
+struct Options {
+  std::string host = kova::client::kDefaultHost;
+  int port = kDefaultPort;
+  int timeout_ms = kova::client::kDefaultTimeoutMs;
+  bool raw = false;
+  std::string out_path;
+};
+
+using Args = std::vector<std::string>;
+
+struct Session {
+  Options options;
+  Connection connection;
+};
+
+bool parse_int(const std::string& text, long low, long high, long& out) {
+  if (text.empty()) return false;
+  char* end = nullptr;
+  errno = 0;
+  long v = std::strtol(text.c_str(), &end, 0);
+  if (errno != 0 || *end != '\0' || v < low || v > high) return false;
+  out = v;
+  return true;
+}
+
+int fail(const Status& st) {
+  std::fprintf(stderr, "kovaget: %s\n", st.message.c_str());
+  return st.error == kova::client::Error::kErrorPacket ? 3 : 1;
+}
+
+int bad_argument(const std::string& what) {
+  std::fprintf(stderr, "kovaget: bad argument: %s\n", what.c_str());
+  return 2;
+}
+
+// The received bytes as a hex dump; true when --raw asked for that instead
+// of words.
+bool print_raw(Session& s) {
+  if (!s.options.raw) return false;
+  std::fputs(kova::client::hex_dump(s.connection.transcript()).c_str(), stdout);
+  if (s.connection.transcript().size() >= kRecordLimit) std::printf("(first %zu bytes shown)\n", kRecordLimit);
+  return true;
+}
+
+// On a failure, what did arrive is still shown when --raw asked for it.
+int fail_after_raw(Session& s, const Status& st) {
+  print_raw(s);
+  return fail(st);
+}
+
+Status connect_and_send(Session& s, const Request& request) {
+  Status st = Connection::open(s.options.host, s.options.port, s.connection, s.options.timeout_ms);
+  if (!st.ok()) return st;
+  s.connection.record(kRecordLimit);
+  return s.connection.send(request);
+}
+
+// Requests answered with one fixed-size packet.
+template <size_t N>
+Status simple_exchange(Session& s, const Request& request, int expected_code, std::array<unsigned char, N>& reply) {
+  Status st = connect_and_send(s, request);
+  if (st.ok()) st = s.connection.read_reply(reply, expected_code);
+  return st;
+}
+
+int run_version(Session& s, const Args&) {
+  std::array<unsigned char, kova::kVersSize> reply{};
+  Status st = simple_exchange(s, Request(14), kova::kPacketVers, reply);
+  if (!st.ok()) return fail_after_raw(s, st);
+  kova::client::Version v;
+  if (!print_raw(s) && kova::client::decode_version(reply, v)) std::printf("agent protocol version %d.%d\n", v.major, v.minor);
+  return 0;
+}
+
+int run_os(Session& s, const Args&) {
+  std::array<unsigned char, kova::kOsSize> reply{};
+  Status st = simple_exchange(s, Request(16), -1, reply);
+  if (!st.ok()) return fail_after_raw(s, st);
+  int32_t id = 0;
+  if (!print_raw(s) && kova::client::decode_os(reply, id)) std::printf("operating-system id %d\n", id);
+  return 0;
+}
+
+int run_status(Session& s, const Args&) {
+  std::array<unsigned char, kova::kDcStatSize> reply{};
+  Status st = simple_exchange(s, Request(6), kova::kPacketDcStat, reply);
+  if (!st.ok()) return fail_after_raw(s, st);
+  kova::client::DcStat d;
+  if (!print_raw(s) && kova::client::decode_dcstat(reply, d)) {
+    std::printf("data collector: %s, interval %d s, peak interval %d s\n",
+                kova::client::component_status_words(d.dc_status).c_str(), d.dc_interval, d.peak_seconds);
+    std::printf("real-time agent: %s\n", kova::client::component_status_words(d.rta_status).c_str());
+  }
+  return 0;
+}
+
+// Start, stop and status requests of the components: one STARTSTOP reply.
+int run_startstop(Session& s, const Request& request, const char* component) {
+  std::array<unsigned char, kova::kStartStopSize> reply{};
+  Status st = simple_exchange(s, request, kova::kPacketStartStop, reply);
+  if (!st.ok()) return fail_after_raw(s, st);
+  int status = 0;
+  if (!print_raw(s) && kova::client::decode_startstop(reply, status))
+    std::printf("%s: %s\n", component, kova::client::component_status_words(status).c_str());
+  return 0;
+}
+
+int run_dcstart(Session& s, const Args& a) {
+  long dump = 0, peak = 0;
+  if (!parse_int(a[0], -32768, 32767, dump)) return bad_argument("DUMP " + a[0]);
+  if (!parse_int(a[1], -32768, 32767, peak)) return bad_argument("PEAK " + a[1]);
+  Request r(3);
+  r.put_short(2, static_cast<int>(dump)).put_short(4, static_cast<int>(peak));
+  return run_startstop(s, r, "data collector");
+}
+
+int run_rtastart(Session& s, const Args& a) {
+  long process = 0, port = 0, rate = 0;
+  if (!parse_int(a[0], -32768, 32767, process)) return bad_argument("PROCESS " + a[0]);
+  if (!parse_int(a[1], INT32_MIN, INT32_MAX, port)) return bad_argument("PORT " + a[1]);
+  if (!parse_int(a[2], INT32_MIN, INT32_MAX, rate)) return bad_argument("SCANRATE " + a[2]);
+  Request r(9);
+  r.put_short(2, static_cast<int>(process)).put_long(4, port).put_long(8, rate);
+  return run_startstop(s, r, "real-time agent");
+}
+
+int run_dcstop(Session& s, const Args&) { return run_startstop(s, Request(4), "data collector"); }
+int run_rtastop(Session& s, const Args&) { return run_startstop(s, Request(10), "real-time agent"); }
+int run_sorlexstart(Session& s, const Args&) { return run_startstop(s, Request(18), "search agent"); }
+int run_sorlexstop(Session& s, const Args&) { return run_startstop(s, Request(19), "search agent"); }
+int run_sorlexstatus(Session& s, const Args&) { return run_startstop(s, Request(20), "search agent"); }
+
+int run_terminate(Session& s, const Args&) {
+  Status st = connect_and_send(s, Request(7));
+  std::vector<unsigned char> reply;
+  if (st.ok()) st = s.connection.read_to_end(reply, 64);
+  if (!st.ok()) return fail_after_raw(s, st);
+  if (!print_raw(s)) std::printf("terminate sent; the agent closed the connection\n");
+  return 0;
+}
+
+int run_memory(Session& s, const Args& a) {
+  std::vector<unsigned char> file;
+  if (!kova::client::read_local_file(a[0], file)) {
+    std::fprintf(stderr, "kovaget: cannot read %s: %s\n", a[0].c_str(), std::strerror(errno));
+    return 1;
+  }
+  Status st = connect_and_send(s, Request(2));
+  if (st.ok()) st = s.connection.push_memory_file(file);
+  if (!st.ok()) return fail_after_raw(s, st);
+  if (!print_raw(s)) std::printf("memory file %s sent (%zu bytes)\n", a[0].c_str(), file.size());
+  return 0;
+}
+
+// Prints or stores whatever follows: into -o when given, else as hex.
+int deliver_rest(Session& s, std::span<const unsigned char> rest) {
+  if (!s.options.out_path.empty()) {
+    std::FILE* f = std::fopen(s.options.out_path.c_str(), "wb");
+    bool ok = f != nullptr && std::fwrite(rest.data(), 1, rest.size(), f) == rest.size();
+    if (f != nullptr && std::fclose(f) != 0) ok = false;
+    if (!ok) {
+      std::fprintf(stderr, "kovaget: cannot write %s\n", s.options.out_path.c_str());
+      return 1;
+    }
+    std::printf("%zu bytes written to %s\n", rest.size(), s.options.out_path.c_str());
+  } else if (!rest.empty()) {
+    std::fputs(kova::client::hex_dump(rest).c_str(), stdout);
+  }
+  return 0;
+}
+
+// Any opcode; the reply is shown raw. With -o the reply is taken as a
+// transferred file (INF header, then the bytes) and stored there.
+int run_opcode(Session& s, const Args& a) {
+  long opcode = 0;
+  if (!parse_int(a[0], -32768, 32767, opcode)) return bad_argument("opcode " + a[0]);
+  Status st = connect_and_send(s, Request(static_cast<int>(opcode)));
+  if (!st.ok()) return fail(st);
+  if (!s.options.out_path.empty()) {
+    kova::client::TransferInfo info;
+    st = s.connection.receive_file_to_path(s.options.out_path, info);
+    if (!st.ok()) return fail(st);
+    std::printf("%lld bytes (%d blocks + %d) written to %s\n", static_cast<long long>(info.size()), info.blocks,
+                info.last, s.options.out_path.c_str());
+    return 0;
+  }
+  std::vector<unsigned char> reply;
+  st = s.connection.read_to_end(reply);
+  if (!st.ok()) return fail(st);
+  if (reply.empty()) std::printf("(no reply)\n");
+  std::fputs(kova::client::hex_dump(reply).c_str(), stdout);
+  return 0;
+}
+
+int run_ext(Session& s, const Args& a) {
+  const std::string payload = a.size() > 1 ? a[1] : "";
+  Status st = Connection::open(s.options.host, s.options.port, s.connection, s.options.timeout_ms);
+  if (!st.ok()) return fail(st);
+  s.connection.record(kRecordLimit);
+  st = s.connection.send_extended(a[0], std::span(reinterpret_cast<const unsigned char*>(payload.data()), payload.size()));
+  std::vector<unsigned char> reply;
+  if (st.ok()) st = s.connection.read_to_end(reply);
+  if (!st.ok()) return fail_after_raw(s, st);
+  if (print_raw(s)) return 0;
+  if (reply.empty()) {
+    std::printf("(no reply)\n");
+    return 0;
+  }
+  if (reply.size() < kova::kStatusSize) return fail(Status{kova::client::Error::kShortReply, 0, "short reply"});
+  const int status = kova::Packet_CheckOPCODE(reply);
+  if (status == kova::kPacketErr) {
+    const int code = kova::Packet_CheckOPCODE(reply, 2);
+    return fail(Status{kova::client::Error::kErrorPacket, code,
+                       "agent error " + std::to_string(code) + ": " + kova::result_text(code)});
+  }
+  std::printf("status: %s\n", kova::client::extended_status_words(status).c_str());
+  return deliver_rest(s, std::span(reply).subspan(kova::kStatusSize));
+}
+
+struct Command {
+  const char* name;
+  const char* args;
+  size_t min_args;
+  size_t max_args;
+  const char* help;
+  int (*run)(Session&, const Args&);
+};
+
+constexpr Command kCommands[] = {
+    {"version", "", 0, 0, "agent protocol version (opcode 14)", run_version},
+    {"os", "", 0, 0, "operating-system id (opcode 16)", run_os},
+    {"status", "", 0, 0, "collector and real-time agent status (opcode 6)", run_status},
+    {"terminate", "", 0, 0, "end the agent's request process, or a -nofork agent (opcode 7)", run_terminate},
+    {"memory", "FILE", 1, 1, "send FILE as the memory file (opcode 2)", run_memory},
+    {"dcstart", "DUMP PEAK", 2, 2, "start the data collector (opcode 3)", run_dcstart},
+    {"dcstop", "", 0, 0, "stop the data collector (opcode 4)", run_dcstop},
+    {"rtastart", "PROCESS PORT SCANRATE", 3, 3, "start the real-time agent (opcode 9)", run_rtastart},
+    {"rtastop", "", 0, 0, "stop the real-time agent (opcode 10)", run_rtastop},
+    {"sorlexstart", "", 0, 0, "start the search agent (opcode 18)", run_sorlexstart},
+    {"sorlexstop", "", 0, 0, "stop the search agent (opcode 19)", run_sorlexstop},
+    {"sorlexstatus", "", 0, 0, "search agent status (opcode 20)", run_sorlexstatus},
+    {"opcode", "N", 1, 1, "send a bare request with opcode N; print the reply raw (-o: store a file)", run_opcode},
+    {"ext", "TAG [PAYLOAD]", 1, 2, "send an extended request (opcode 254)", run_ext},
+};
+
+void usage(std::FILE* to) {
+  std::fprintf(to, "usage: kovaget [-s host] [-p port] [-t seconds] [--raw] [-o path] COMMAND [ARGS]\n"
+                   "defaults: -s %s -p %d -t %d\ncommands:\n",
+               kova::client::kDefaultHost, kDefaultPort, kova::client::kDefaultTimeoutMs / 1000);
+  for (const Command& c : kCommands) {
+    std::string head = std::string(c.name) + (c.args[0] != '\0' ? std::string(" ") + c.args : "");
+    std::fprintf(to, "  %-30s %s\n", head.c_str(), c.help);
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Session session;
+  Options& o = session.options;
+  int i = 1;
+  for (; i < argc && argv[i][0] == '-'; ++i) {
+    const std::string opt = argv[i];
+    const bool has_value = i + 1 < argc;
+    long v = 0;
+    if (opt == "--raw") {
+      o.raw = true;
+    } else if (opt == "-h" || opt == "--help") {
+      usage(stdout);
+      return 0;
+    } else if (opt == "-s" && has_value) {
+      o.host = argv[++i];
+    } else if (opt == "-p" && has_value && parse_int(argv[i + 1], 1, 65535, v)) {
+      o.port = static_cast<int>(v);
+      ++i;
+    } else if (opt == "-t" && has_value && parse_int(argv[i + 1], 1, 86400, v)) {
+      o.timeout_ms = static_cast<int>(v * 1000);
+      ++i;
+    } else if (opt == "-o" && has_value) {
+      o.out_path = argv[++i];
+    } else {
+      std::fprintf(stderr, "kovaget: bad option %s\n", opt.c_str());
+      usage(stderr);
+      return 2;
+    }
+  }
+  if (i >= argc) {
+    usage(stderr);
+    return 2;
+  }
+  const std::string name = argv[i++];
+  const Args args(argv + i, argv + argc);
+  for (const Command& c : kCommands) {
+    if (name != c.name) continue;
+    if (args.size() < c.min_args || args.size() > c.max_args) {
+      std::fprintf(stderr, "kovaget: usage: %s %s\n", c.name, c.args);
+      return 2;
+    }
+    return c.run(session, args);
+  }
+  std::fprintf(stderr, "kovaget: unknown command %s\n", name.c_str());
+  usage(stderr);
+  return 2;
+}
