@@ -7,6 +7,7 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <ctime>
 #include <string>
@@ -14,6 +15,7 @@
 #include "components/dc_lockfile.h"
 #include "components/findproc.h"
 #include "components/rta.h"
+#include "wire/status.h"
 #include "core/clock.h"
 #include "core/log.h"
 #include "core/shell.h"
@@ -22,11 +24,12 @@
 
 namespace kova::test {
 
-// The test clock: time stands still until a test moves it; fixed waits
-// return at once.
+// The test clock: time stands still until a test moves it. A fixed wait
+// lasts a tenth of its length (a program told to stop still needs a moment
+// to go), at most half a second.
 inline std::time_t fake_now = 1700000000;
 inline std::time_t fake_clock_now() { return fake_now; }
-inline void no_sleep(unsigned) {}
+inline void short_sleep(unsigned seconds) { ::usleep(seconds < 5 ? seconds * 100000 : 500000); }
 
 inline std::string short_host_name() {
   char name[256] = {};
@@ -48,13 +51,8 @@ inline bool wait_for_exit(int pid) {
 class ComponentTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    // The stand-ins detach; as their subreaper that ignores SIGCHLD this
-    // process lets the kernel reap them when they end, as a host's init
-    // would, so a stopped program is not left behind as a zombie.
-    ::prctl(PR_SET_CHILD_SUBREAPER, 1);
-    saved_sigchld_ = std::signal(SIGCHLD, SIG_IGN);
     saved_clock_ = process_clock();
-    process_clock() = Clock{fake_clock_now, no_sleep};
+    process_clock() = Clock{fake_clock_now, short_sleep};
 
     // A root that a shell would split, unquote or run if it were not quoted.
     root_ = tmp_ / "demo r'oot $(touch injected)";
@@ -63,6 +61,12 @@ class ComponentTest : public ::testing::Test {
                           " > /dev/null";
     ASSERT_EQ(std::system(command.c_str()), 0) << command;
     log_state().logfile = root_ + "/logs/test.log";
+
+    // The stand-ins detach; as their subreaper that ignores SIGCHLD this
+    // process lets the kernel reap them when they end, as a host's init
+    // would, so a stopped program is not left behind as a zombie.
+    ::prctl(PR_SET_CHILD_SUBREAPER, 1);
+    saved_sigchld_ = ::signal(SIGCHLD, SIG_IGN);
 
     settings_.hostname = short_host_name();
     settings_.install_root = root_;
@@ -86,7 +90,7 @@ class ComponentTest : public ::testing::Test {
     stop_pid("sorlexagent", std::atoi(read_file(root_ + "/tmp/sorlexagent.pid").c_str()));
     EXPECT_FALSE(file_exists("injected")) << "a command line ran part of the install root";
     process_clock() = saved_clock_;
-    std::signal(SIGCHLD, saved_sigchld_);
+    ::signal(SIGCHLD, saved_sigchld_);
   }
 
   static void stop_pid(const char* name, int pid) {
