@@ -1,0 +1,166 @@
+// The real binary's command line, start-up, status, stop and signals.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <netinet/in.h>
+#include <arpa/inet.h>
+#include <unistd.h>
+
+#include <dirent.h>
+#include <fstream>
+#include <string>
+
+#include "support/agent_process.h"
+#include "support/temp_dir.h"
+
+namespace kova::test {
+namespace {
+
+const std::string kBanner = "KOVAagent Copyright (c) KOVA Systems. All rights reserved.\nBuild: V10.0-001 (Feb 23 2012)\n";
+
+TEST(CommandLine, OneShotModesPrintAndExitAsAdminsExpect) {
+  InstallTree tree;
+  RunResult usage = run_agent({"-sta"});
+  EXPECT_EQ(usage.status, 0);
+  EXPECT_EQ(usage.out.rfind(kBanner + "\nUsage\t:\n\nkovaagent [-start|", 0), 0u) << usage.out;
+  EXPECT_NE(usage.out.find("\t-write_config\n\t\tWrite a configuration file to the settings directory\n\n"),
+            std::string::npos);
+
+  RunResult version = run_agent({"-version"});
+  EXPECT_EQ(version.status, 1);
+  EXPECT_EQ(version.out, kBanner);
+
+  RunResult mwa = run_agent({"-mwa"});
+  EXPECT_EQ(mwa.status, 1);
+  EXPECT_EQ(mwa.err, "kovaagent only supports measureware on HP-UX\n");
+
+  RunResult schedule = run_agent({"-schedule", "24:00", "-remote"});
+  EXPECT_EQ(schedule.status, 0);
+  EXPECT_EQ(schedule.err, "-schedule option must be in format,  HH:MM \n HH is 0 - 23  and MM is 0 - 59  \n");
+
+  RunResult written = run_agent({"-rootdir", tree.root(), "-port", "99999", "-write_config"});
+  EXPECT_EQ(written.status, 0);
+  std::string config = read_file(tree / ("settings/kova_" + tree.hostname() + ".config"));
+  EXPECT_NE(config.find("KOVAAGENT_PORT~1661\n"), std::string::npos);
+
+  RunResult missing = run_agent({"-rootdir", tree / "nowhere", "-nofork"});
+  EXPECT_EQ(missing.status, 0);
+  EXPECT_EQ(missing.err.rfind("kovaagent, unable to access root directory, " + tree / "nowhere", 0), 0u);
+}
+
+TEST(CommandLine, PurgeDeletesThisHostsOldDataFilesAndExitsOne) {
+  InstallTree tree;
+  std::string host = tree.hostname();
+  std::time_t old = std::time(nullptr) - 10 * 86400;
+  for (const std::string& name : std::initializer_list<std::string>{"qdtsx_" + host + "_2012Feb01.zud", "qdtsx_" + host + "_2012Feb02.zud-1",
+                                  std::string("qdtsx_otherhost_2012Feb01.zud"), "qdtsx_" + host + "_new.zud"}) {
+    write_file(tree / ("data/" + name), "x");
+    if (name.find("new") == std::string::npos) set_mtime(tree / ("data/" + name), old);
+  }
+  RunResult purge = run_agent({"-rootdir", tree.root(), "-purge", "7"});
+  EXPECT_EQ(purge.status, 1);
+  EXPECT_FALSE(file_exists(tree / ("data/qdtsx_" + host + "_2012Feb01.zud")));
+  EXPECT_FALSE(file_exists(tree / ("data/qdtsx_" + host + "_2012Feb02.zud-1")));
+  EXPECT_TRUE(file_exists(tree / "data/qdtsx_otherhost_2012Feb01.zud"));
+  EXPECT_TRUE(file_exists(tree / ("data/qdtsx_" + host + "_new.zud")));
+  std::string log = tree.log();
+  size_t lines = 0;
+  for (size_t at = log.find("KOVAAGENT-I-DEL_DATA,"); at != std::string::npos;
+       at = log.find("KOVAAGENT-I-DEL_DATA,", at + 1))
+    ++lines;
+  EXPECT_EQ(lines, 2u) << log;
+}
+
+// Children of `pid` that are zombies, from the process table.
+int zombie_children(pid_t pid) {
+  int zombies = 0;
+  DIR* proc = opendir("/proc");
+  while (dirent* e = readdir(proc)) {
+    std::ifstream stat(std::string("/proc/") + e->d_name + "/stat");
+    std::string line;
+    if (!std::getline(stat, line)) continue;
+    auto close = line.rfind(')');
+    if (close == std::string::npos) continue;
+    char state = 0;
+    int ppid = 0;
+    if (std::sscanf(line.c_str() + close + 2, "%c %d", &state, &ppid) == 2 && ppid == pid && state == 'Z') ++zombies;
+  }
+  closedir(proc);
+  return zombies;
+}
+
+TEST(Daemon, RunsOnceReportsStatusAndStopsOnRequest) {
+  InstallTree tree;
+  int port = free_port();
+  RunningAgent agent(tree, port);
+  ASSERT_TRUE(agent.started()) << agent.launch().err;
+  EXPECT_EQ(agent.launch().out, kBanner + "kovaagent started.\n");
+
+  RunResult status = run_agent({"-rootdir", tree.root(), "-status"});
+  EXPECT_EQ(status.status, 0);
+  EXPECT_NE(status.out.find("\nStatus\t\t\t\t:\tRunning \nPid\t\t\t\t:\t" + std::to_string(agent.pid()) + "\n"),
+            std::string::npos)
+      << status.out;
+  EXPECT_NE(status.out.find("Port\t\t\t\t:\t" + std::to_string(port) + "\n"), std::string::npos);
+  EXPECT_NE(status.out.find("\nFree space on filesystem of\t:\t"), std::string::npos);
+
+  RunResult second = run_agent({"-rootdir", tree.root(), "-port", std::to_string(free_port())});
+  EXPECT_EQ(second.status, 0);
+  EXPECT_EQ(second.err, "\nkovaagent already running: pid (" + std::to_string(agent.pid()) + ")\n");
+
+  for (int i = 0; i < 20; ++i) EXPECT_EQ(hex(round_trip(port, request_packet(14))), std::string("0a00060000000000"));
+  EXPECT_TRUE(eventually([&] { return zombie_children(agent.pid()) == 0; }));
+
+  EXPECT_TRUE(agent.alive());
+  ::kill(agent.pid(), SIGHUP);  // a daemon ignores its terminal hanging up
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  EXPECT_TRUE(agent.alive());
+
+  pid_t pid = agent.pid();
+  RunResult stop = run_agent({"-rootdir", tree.root(), "-stop"});
+  EXPECT_EQ(stop.out, kBanner + "\nStopping kovaagent (pid " + std::to_string(pid) + ")\n");
+  EXPECT_EQ(stop.status, 1);
+  EXPECT_TRUE(eventually([&] { return !agent.alive(); }));
+
+  // The stopped agent leaves its lock file; -status clears it.
+  ASSERT_TRUE(file_exists(tree.lock_path()));
+  RunResult after = run_agent({"-rootdir", tree.root(), "-status"});
+  EXPECT_EQ(after.out, kBanner + "kovaagent is not running.\n") << after.err << after.status;
+  EXPECT_FALSE(file_exists(tree.lock_path()));
+}
+
+TEST(Daemon, SigtermEndsTheAgentWithStatusZeroAndAStaleLockDoesNotBlockAStart) {
+  InstallTree tree;
+  write_file(tree.lock_path(), "PID~999999\nUSER~root\n");
+  RunningAgent agent(tree, free_port());
+  ASSERT_TRUE(agent.started()) << agent.launch().err;
+  EXPECT_NE(read_file(tree.lock_path()).find("PID~" + std::to_string(agent.pid()) + "\n"), std::string::npos);
+  EXPECT_EQ(agent.stop(SIGTERM), 0);
+  std::string log = tree.log();
+  EXPECT_NE(log.find("KOVAAGENT-I-STARTED,     Agent started\n"), std::string::npos);
+}
+
+TEST(Daemon, APortAlreadyHeldIsReportedAndTheAgentExitsZero) {
+  InstallTree tree;
+  int holder = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_ANY);
+  ASSERT_EQ(::bind(holder, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+  ASSERT_EQ(::listen(holder, 1), 0);
+  socklen_t len = sizeof addr;
+  ::getsockname(holder, reinterpret_cast<sockaddr*>(&addr), &len);
+  int port = ntohs(addr.sin_port);
+
+  RunResult run = run_agent({"-rootdir", tree.root(), "-port", std::to_string(port), "-nofork", "-nolock"});
+  ::close(holder);
+  EXPECT_EQ(run.status, 0);
+  std::string bind_error = "Error binding socket (port " + std::to_string(port) + ") : Address already in use\n";
+  EXPECT_NE(run.err.find("KOVA-E-SOCK:  " + bind_error + "KOVA-E-NOTSTARTED: KOVA Agent not started\n"),
+            std::string::npos)
+      << run.err;
+  EXPECT_NE(tree.log().find("KOVAAGENT-E-BIND,        " + bind_error), std::string::npos);
+}
+
+}  // namespace
+}  // namespace kova::test

@@ -1,0 +1,256 @@
+#include "support/agent_process.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <sstream>
+#include <thread>
+
+#ifndef KOVA_AGENT_BIN
+#define KOVA_AGENT_BIN "kovaagent"
+#endif
+
+namespace kova::test {
+namespace {
+
+// Daemonised agents are reparented to the test process, not to init.
+const bool g_subreaper = [] { return ::prctl(PR_SET_CHILD_SUBREAPER, 1) == 0; }();
+
+// Waits for `pid` up to `limit`; its exit status, or -1.
+int wait_for(pid_t pid, std::chrono::milliseconds limit) {
+  auto deadline = std::chrono::steady_clock::now() + limit;
+  for (;;) {
+    int status = 0;
+    pid_t done = ::waitpid(pid, &status, WNOHANG);
+    if (done == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    if (done < 0) return -1;
+    if (std::chrono::steady_clock::now() >= deadline) return -1;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+}
+
+pid_t spawn(const std::vector<std::string>& args, const std::vector<std::string>& env, const std::string& out_path,
+            const std::string& err_path) {
+  std::vector<std::string> argv_storage{KOVA_AGENT_BIN};
+  argv_storage.insert(argv_storage.end(), args.begin(), args.end());
+  std::vector<char*> argv;
+  for (auto& a : argv_storage) argv.push_back(a.data());
+  argv.push_back(nullptr);
+  std::vector<std::string> env_storage = env;
+  std::vector<char*> envp;
+  for (auto& e : env_storage) envp.push_back(e.data());
+  envp.push_back(nullptr);
+
+  pid_t pid = ::fork();
+  if (pid != 0) return pid;
+  // Files, not pipes: a daemon keeps its standard descriptors open.
+  int out = ::open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  int err = ::open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  int in = ::open("/dev/null", O_RDONLY);
+  if (out < 0 || err < 0 || in < 0) ::_exit(126);
+  ::dup2(in, 0);
+  ::dup2(out, 1);
+  ::dup2(err, 2);
+  for (char* e : envp)
+    if (e != nullptr) ::putenv(e);
+  ::execv(argv[0], argv.data());
+  ::_exit(127);
+}
+
+// Reaps every finished child other than `keep`: the intermediate process
+// of a daemon's double fork is reparented here and must not linger as a
+// zombie that a process-table search would find.
+void reap_strays(pid_t keep) {
+  for (int i = 0; i < 64; ++i) {
+    siginfo_t info{};
+    if (::waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) != 0 || info.si_pid == 0) return;
+    if (info.si_pid == keep) return;
+    ::waitpid(info.si_pid, nullptr, 0);
+  }
+}
+
+}  // namespace
+
+InstallTree::InstallTree() {
+  for (const char* d : {"bin", "data", "logs", "tmp", "tmp/update", "outgoing", "settings", "update", "mwa"})
+    make_dirs(dir_ / d);
+}
+
+std::string InstallTree::hostname() const {
+  char name[256] = {};
+  ::gethostname(name, sizeof name - 1);
+  std::string host = name;
+  return host.substr(0, host.find('.'));
+}
+
+std::string InstallTree::log() const {
+  std::time_t now = std::time(nullptr);
+  std::tm local{};
+  localtime_r(&now, &local);
+  char date[32];
+  std::strftime(date, sizeof date, "%Y%b%d", &local);
+  return read_file(dir_ / ("logs/kova_" + hostname() + "_" + date + ".log"));
+}
+
+RunResult run_agent(const std::vector<std::string>& args, const std::vector<std::string>& env,
+                    std::chrono::milliseconds limit) {
+  TempDir io;
+  RunResult result;
+  pid_t pid = spawn(args, env, io / "out", io / "err");
+  if (pid < 0) return result;
+  result.status = wait_for(pid, limit);
+  if (result.status == -1) {
+    ::kill(pid, SIGKILL);
+    ::waitpid(pid, nullptr, 0);
+  }
+  result.out = read_file(io / "out");
+  result.err = read_file(io / "err");
+  return result;
+}
+
+int free_port() {
+  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  addr.sin_port = 0;
+  socklen_t len = sizeof addr;
+  int port = -1;
+  if (::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
+      ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) == 0)
+    port = ntohs(addr.sin_port);
+  ::close(fd);
+  return port;
+}
+
+RunningAgent::RunningAgent(const InstallTree& tree, int port, std::vector<std::string> extra,
+                           std::vector<std::string> env)
+    : port_(port) {
+  std::vector<std::string> args{"-rootdir", tree.root(), "-port", std::to_string(port)};
+  args.insert(args.end(), extra.begin(), extra.end());
+  bool foreground = false;
+  for (const auto& a : args) foreground |= a == "-nofork";
+
+  TempDir io;
+  pid_t launcher = spawn(args, env, io / "out", io / "err");
+  if (launcher < 0) return;
+  if (foreground) {
+    pid_ = launcher;
+  } else {
+    // The launcher exits once detached; the daemon names itself in its lock
+    // file (or, without one, is the subreaped child that remains).
+    launch_.status = wait_for(launcher, std::chrono::seconds(20));
+    std::string lock = tree.lock_path();
+    eventually([&] { return read_file(lock).find("USER~") != std::string::npos; }, std::chrono::seconds(10));
+    std::string content = read_file(lock);
+    if (auto at = content.find("PID~"); at != std::string::npos) pid_ = std::atoi(content.c_str() + at + 4);
+  }
+  auto accepting = [&] {
+    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    addr.sin_port = htons(static_cast<uint16_t>(port_));
+    bool ok = ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+    ::close(fd);
+    return ok;
+  };
+  if (pid_ > 0 && !eventually([&] { return accepting() || !alive(); }, std::chrono::seconds(10))) pid_ = -1;
+  eventually([&] {
+    reap_strays(pid_);
+    siginfo_t info{};
+    return ::waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) != 0 || info.si_pid == 0 || info.si_pid == pid_;
+  }, std::chrono::seconds(2));
+  launch_.out = read_file(io / "out");
+  launch_.err = read_file(io / "err");
+}
+
+RunningAgent::~RunningAgent() {
+  if (pid_ > 0 && alive() && stop(SIGTERM) == -1) {
+    ::kill(pid_, SIGKILL);
+    wait_for(pid_, std::chrono::seconds(5));
+  }
+}
+
+bool RunningAgent::alive() {
+  if (pid_ <= 0) return false;
+  reap_strays(pid_);
+  int status;
+  if (::waitpid(pid_, &status, WNOHANG) == pid_) {
+    pid_ = -pid_;  // reaped: remember it ended
+    return false;
+  }
+  return ::kill(pid_, 0) == 0;
+}
+
+int RunningAgent::stop(int signal) {
+  if (pid_ <= 0) return -1;
+  ::kill(pid_, signal);
+  int status = wait_for(pid_, std::chrono::seconds(10));
+  if (status != -1) pid_ = -pid_;
+  return status;
+}
+
+std::string round_trip(int port, const std::string& request, std::chrono::milliseconds limit) {
+  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  addr.sin_port = htons(static_cast<uint16_t>(port));
+  std::string reply;
+  if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
+      ::send(fd, request.data(), request.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(request.size())) {
+    auto deadline = std::chrono::steady_clock::now() + limit;
+    char buf[65536];
+    for (;;) {
+      auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+      if (left.count() <= 0) break;
+      pollfd p{fd, POLLIN, 0};
+      if (::poll(&p, 1, static_cast<int>(left.count())) <= 0) break;
+      ssize_t n = ::recv(fd, buf, sizeof buf, 0);
+      if (n <= 0) break;
+      reply.append(buf, static_cast<size_t>(n));
+    }
+  }
+  ::close(fd);
+  return reply;
+}
+
+std::string request_packet(int opcode, const std::string& args) {
+  std::string packet(40, '\0');
+  packet[0] = static_cast<char>(opcode & 0xff);
+  packet[1] = static_cast<char>((opcode >> 8) & 0xff);
+  packet.replace(2, std::min<size_t>(args.size(), 38), args.substr(0, 38));
+  return packet;
+}
+
+std::string extended_packet(const std::string& tag, const std::string& payload) {
+  std::string packet = request_packet(254, tag.substr(0, 37));
+  size_t n = payload.size();
+  packet += static_cast<char>(n & 0xff);
+  packet += static_cast<char>((n >> 8) & 0xff);
+  return packet + payload;
+}
+
+std::string hex(const std::string& bytes) {
+  std::string out;
+  char two[4];
+  for (unsigned char c : bytes) {
+    std::snprintf(two, sizeof two, "%02x", c);
+    out += two;
+  }
+  return out;
+}
+
+}  // namespace kova::test

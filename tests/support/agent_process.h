@@ -1,0 +1,97 @@
+// Running the real kovaagent binary against a temporary install tree, and
+// talking to it on loopback as the server would.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "support/temp_dir.h"
+
+namespace kova::test {
+
+// A temporary install tree: bin, data, logs, tmp, tmp/update, outgoing,
+// settings, update, mwa.
+class InstallTree {
+ public:
+  InstallTree();
+  const std::string& root() const { return dir_.path(); }
+  std::string operator/(const std::string& name) const { return dir_ / name; }
+  std::string hostname() const;
+  std::string lock_path() const { return dir_ / ("tmp/" + hostname() + "_kova.lock"); }
+  // Today's agent log, or "" when there is none yet.
+  std::string log() const;
+
+ private:
+  TempDir dir_;
+};
+
+struct RunResult {
+  int status = -1;  // exit status, or -1 when it did not end in time
+  std::string out, err;
+};
+
+// Runs the agent with `args` and waits for it (at most `limit`).
+RunResult run_agent(const std::vector<std::string>& args, const std::vector<std::string>& env = {},
+                    std::chrono::milliseconds limit = std::chrono::seconds(20));
+
+// A TCP port on 127.0.0.1 that nothing listens on right now.
+int free_port();
+
+// A started agent. The test process is a child subreaper, so a daemonised
+// agent is reparented to it and can be reaped for its exit status.
+class RunningAgent {
+ public:
+  RunningAgent(const InstallTree& tree, int port, std::vector<std::string> extra = {},
+               std::vector<std::string> env = {});
+  ~RunningAgent();  // ends the agent (SIGTERM, then SIGKILL) if it still runs
+  RunningAgent(const RunningAgent&) = delete;
+  RunningAgent& operator=(const RunningAgent&) = delete;
+
+  bool started() const { return pid_ > 0; }
+  pid_t pid() const { return pid_; }
+  int port() const { return port_; }
+  const RunResult& launch() const { return launch_; }
+  // Sends `signal` and waits for the agent to end; its exit status, or -1.
+  int stop(int signal);
+  // True while the agent's process exists.
+  bool alive();
+
+ private:
+  pid_t pid_ = -1;
+  int port_;
+  RunResult launch_;
+};
+
+// One connection: sends `request`, reads until the agent closes or
+// `limit` passes, returns what arrived.
+std::string round_trip(int port, const std::string& request,
+                     std::chrono::milliseconds limit = std::chrono::seconds(10));
+
+// A 40-byte request with `opcode` and optional argument bytes at offset 2.
+std::string request_packet(int opcode, const std::string& args = {});
+
+// An extended request: opcode 254 with the tag, then length and payload.
+std::string extended_packet(const std::string& tag, const std::string& payload);
+
+std::string hex(const std::string& bytes);
+
+// Waits until `predicate` holds, polling every 20 ms, at most `limit`.
+template <typename Predicate>
+bool eventually(Predicate predicate, std::chrono::milliseconds limit = std::chrono::seconds(10));
+
+}  // namespace kova::test
+
+#include <thread>
+
+template <typename Predicate>
+bool kova::test::eventually(Predicate predicate, std::chrono::milliseconds limit) {
+  auto deadline = std::chrono::steady_clock::now() + limit;
+  while (std::chrono::steady_clock::now() < deadline) {
+    if (predicate()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return predicate();
+}
