@@ -47,12 +47,6 @@ std::string today() {
   return day;
 }
 
-// The controlling server may change settings: any server when it is
-// "0.0.0.0", else every address that occurs in the registered list.
-bool may_change_settings(const std::string& requester, const std::string& registered) {
-  return registered == "0.0.0.0" || registered.find(requester) != std::string::npos;
-}
-
 // "<root>/bin/kovarta", its account and root options when the agent was
 // given them, and `tail`.
 std::string command_line(const AgentSettings& settings, const char* tail) {
@@ -227,7 +221,7 @@ int StartRTA_UNIX(const std::string& requester, int processes, int port, int sca
   const bool debug = settings.verbose == 1;
   if (debug) log_printf("I-VAL", "Validate %s: to %s", requester.c_str(), settings.settings_server.c_str());
   RtaSettings& rta = rta_cmdline();
-  if (may_change_settings(requester, settings.settings_server)) {
+  if (validateConsole(requester, settings.settings_server) == 1) {
     // The settings file lies in the agent's own tree, wherever the record
     // was first pointed at start-up.
     rta_adjust_path_settings(rta, settings.install_root);

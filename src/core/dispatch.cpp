@@ -210,11 +210,6 @@ int extended_request(int fd, const std::string& address, const PacketBuffer& req
 
 }  // namespace
 
-int validateConsole(const std::string& address, const std::string& registered) {
-  if (registered == kAnyServer) return 1;
-  return registered.find(address) != std::string::npos ? 1 : 0;
-}
-
 int process_request(int fd, const std::string& address, AgentState& state, int pid) {
   const AgentSettings& s = state.settings;
   PacketBuffer request{};

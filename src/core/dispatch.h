@@ -8,10 +8,6 @@
 
 namespace kova {
 
-// 1 when `registered` is "0.0.0.0" (every server) or `address` occurs
-// anywhere in it (it may list several addresses).
-int validateConsole(const std::string& address, const std::string& registered);
-
 // Serves the request on connection `fd` from `address`. `pid` is the
 // request child's pid, 0 when the agent serves requests itself. Returns
 // kResultTerminate for a terminate request; other values are informative.

@@ -36,7 +36,12 @@ int read_proc_info(int fd, const std::string& proc_dir, ProcInfo& info) {
   char buf[512];
   ssize_t n = ::read(fd, buf, sizeof buf);
   if (n < 0) return -1;
-  if (n == 0 || !parse_proc_info(std::string_view(buf, static_cast<std::size_t>(n)), info)) return 0;
+  std::string_view record(buf, static_cast<std::size_t>(n));
+  if (n == 0 || !parse_proc_info(record, info)) return 0;
+  // A process that has ended but not been reaped still has its record; it
+  // runs no more, so it is no match.
+  std::size_t close = record.rfind(')');
+  if (close + 2 < record.size() && (record[close + 2] == 'Z' || record[close + 2] == 'X')) return 0;
   info.zone = zone_of(proc_dir);
   return 1;
 }

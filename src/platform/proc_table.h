@@ -26,8 +26,9 @@ bool is_process_entry(const char* name);
 std::string proc_info_path(const std::string& proc_dir);
 
 // Fills info from fd, open on proc_info_path(proc_dir), with a single read,
-// and its zone from proc_dir. 1: filled; 0: nothing read (no bytes, or a
-// record of another form); -1: the read failed, errno says why.
+// and its zone from proc_dir. 1: filled; 0: nothing read (no bytes, a
+// record of another form, or a process that has ended and awaits reaping);
+// -1: the read failed, errno says why.
 [[nodiscard]] int read_proc_info(int fd, const std::string& proc_dir, ProcInfo& info);
 
 // Parses "pid (name) state ...": the name is what lies between the first

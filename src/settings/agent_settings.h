@@ -67,4 +67,11 @@ struct AgentSettings {
   std::string work_tmp_dir;
 };
 
+// 1 when `registered` is "0.0.0.0" (every server) or `address` occurs
+// anywhere in it: the field may list several addresses.
+inline int validateConsole(const std::string& address, const std::string& registered) {
+  if (registered == kAnyServer) return 1;
+  return registered.find(address) != std::string::npos ? 1 : 0;
+}
+
 }  // namespace kova
