@@ -211,6 +211,7 @@ std::string round_trip(int port, const std::string& request, std::chrono::millis
   std::string reply;
   if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
       ::send(fd, request.data(), request.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(request.size())) {
+    ::shutdown(fd, SHUT_WR);  // the server sends its whole request up front
     auto deadline = std::chrono::steady_clock::now() + limit;
     char buf[65536];
     for (;;) {

@@ -65,7 +65,7 @@ class RunningAgent {
   RunResult launch_;
 };
 
-// One connection: sends `request`, reads until the agent closes or
+// One connection: sends `request` and closes its sending side, reads until the agent closes or
 // `limit` passes, returns what arrived.
 std::string round_trip(int port, const std::string& request,
                      std::chrono::milliseconds limit = std::chrono::seconds(10));

@@ -1,0 +1,173 @@
+// The request protocol as the server speaks it, against the real binary.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <future>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "kova_client.h"
+#include "support/agent_process.h"
+
+namespace kova::test {
+namespace {
+
+std::string le16(int v) { return {static_cast<char>(v & 0xff), static_cast<char>((v >> 8) & 0xff)}; }
+
+std::string answer_field(const std::string& text) { return text + std::string(32 - text.size(), '\0'); }
+
+// Runs the requests at once (extended ones pause two seconds each).
+std::vector<std::string> round_trips(int port, const std::vector<std::string>& requests) {
+  std::vector<std::future<std::string>> pending;
+  for (const auto& r : requests) pending.push_back(std::async(std::launch::async, [=] { return round_trip(port, r); }));
+  std::vector<std::string> replies;
+  for (auto& p : pending) replies.push_back(p.get());
+  return replies;
+}
+
+TEST(Protocol, RepliesAreByteExactAndUnknownRequestsAreLogged) {
+  InstallTree tree;
+  RunningAgent agent(tree, free_port());
+  ASSERT_TRUE(agent.started()) << agent.launch().err;
+  int port = agent.port();
+
+  auto replies = round_trips(port, {
+      request_packet(14), request_packet(16), request_packet(5), request_packet(17), request_packet(-1),
+      extended_packet("GET_AGENT_OS_X", ""), extended_packet("GET_AGENT_RELEASE", ""),
+      extended_packet("GET_AGENT_VERSION", ""), extended_packet("MEMORY_NODE", ""),
+      extended_packet("NO_SUCH_TAG", "payload"), extended_packet("<DISKSPACE>", tree.root()),
+  });
+  EXPECT_EQ(hex(replies[0]), "0a00060000000000");
+  EXPECT_EQ(hex(replies[1]), "04000000");
+  EXPECT_EQ(replies[2], "");
+  EXPECT_EQ(replies[3], "");
+  EXPECT_EQ(replies[4], "");
+  const std::string ack(8, '\0');
+  EXPECT_EQ(replies[5], ack + answer_field("Sun Solaris X86"));
+  EXPECT_EQ(replies[6], ack + answer_field("910"));
+  EXPECT_EQ(replies[7], ack + answer_field("V10.0-001"));
+  EXPECT_EQ(hex(replies[8]), "1400000000000000");
+  EXPECT_EQ(hex(replies[9]), "0800000000000000");
+  ASSERT_EQ(replies[10].size(), 40u);
+  EXPECT_GT(std::stol(replies[10].substr(8)), 0);  // free megabytes of the tree's file system
+
+  std::string log = tree.log();
+  EXPECT_NE(log.find("E-UNKNOWN_CODE,  Unknown code from server, 127.0.0.1   code 17\n"), std::string::npos) << log;
+  EXPECT_NE(log.find("code -1\n"), std::string::npos);
+  EXPECT_NE(log.find("KOVAAGENT-W-UKNTAG,"), std::string::npos);
+  EXPECT_NE(log.find("I-GET_OS,      Returning:  Sun Solaris X86\n"), std::string::npos);
+  EXPECT_NE(log.find("I-REQ_EXTEND,  Extended Request MEMORY_NODE  from 127.0.0.1\n"), std::string::npos);
+}
+
+TEST(Protocol, OnlyRegisteredServersAreServedBySubstring) {
+  InstallTree tree;
+  RunningAgent other(tree, free_port(), {"-server", "127.0.0.2"});
+  ASSERT_TRUE(other.started()) << other.launch().err;
+  EXPECT_EQ(hex(round_trip(other.port(), request_packet(14))), "05000a0000000000");
+  EXPECT_NE(tree.log().find("W-UNREG_SERV,  Request from unregistered server 127.0.0.1\n"), std::string::npos);
+  EXPECT_EQ(other.stop(SIGTERM), 0);
+
+  InstallTree tree2;
+  RunningAgent listed(tree2, free_port(), {"-server", "127.0.0.10"});
+  ASSERT_TRUE(listed.started());
+  EXPECT_EQ(hex(round_trip(listed.port(), request_packet(14))), "0a00060000000000");
+}
+
+TEST(Protocol, TerminateEndsOnlyTheRequestChildOfAForkingAgent) {
+  InstallTree forking_tree, foreground_tree;
+  RunningAgent forking(forking_tree, free_port());
+  RunningAgent foreground(foreground_tree, free_port(), {"-nofork", "-nolock"});
+  ASSERT_TRUE(forking.started() && foreground.started());
+
+  EXPECT_EQ(round_trip(forking.port(), request_packet(7)), "");
+  EXPECT_TRUE(forking.alive());
+  EXPECT_EQ(hex(round_trip(forking.port(), request_packet(14))), "0a00060000000000");
+
+  EXPECT_EQ(round_trip(foreground.port(), request_packet(7)), "");
+  EXPECT_TRUE(eventually([&] { return !foreground.alive(); }));
+}
+
+TEST(Protocol, HostileInputNeverEndsTheAgent) {
+  InstallTree tree;
+  RunningAgent agent(tree, free_port(), {"-verbose"});
+  ASSERT_TRUE(agent.started());
+  int port = agent.port();
+
+  std::mt19937 random(42);
+  std::string noise(300, '\0');
+  for (char& c : noise) c = static_cast<char>(random());
+  std::string tag = request_packet(254, "GET_AGENT_OS");
+  auto replies = round_trips(port, {
+      "",                                   // connects and says nothing more
+      request_packet(14).substr(0, 20),     // a short request
+      tag + le16(-1),                       // no payload
+      tag + le16(0),
+      tag + le16(2048) + std::string(2048, 'p'),
+      tag + le16(2049) + std::string(2049, 'p'),  // larger than any payload
+      tag + le16(65535),
+      tag + le16(100) + "short",            // payload ends early
+      tag.substr(0, 40) + "x",              // length field cut
+      noise,
+  });
+  const std::string os_answer = std::string(8, '\0') + answer_field("Sun Solaris X86");
+  EXPECT_EQ(hex(replies[1]), "0a00060000000000");  // the zero-filled rest of a short request
+  EXPECT_EQ(replies[2], os_answer);
+  EXPECT_EQ(replies[3], os_answer);
+  EXPECT_EQ(replies[4], os_answer);
+  EXPECT_EQ(replies[5], "");
+  EXPECT_EQ(replies[6], os_answer);  // the length reads as -1: no payload
+  EXPECT_EQ(replies[7], "");
+  EXPECT_EQ(replies[8], "");
+
+  EXPECT_TRUE(agent.alive());
+  EXPECT_EQ(hex(round_trip(port, request_packet(14))), "0a00060000000000");
+  std::string log = tree.log();
+  EXPECT_NE(log.find("I-BADPACKET"), std::string::npos);
+  EXPECT_NE(log.find("W-BADPACKET,   Failed to read extended packet length"), std::string::npos);
+}
+
+TEST(Protocol, TheMemoryFileArrivesByteForByte) {
+  InstallTree tree;
+  RunningAgent agent(tree, free_port());
+  ASSERT_TRUE(agent.started());
+  std::string memory = tree / ("settings/kova_" + tree.hostname() + ".memory");
+
+  for (size_t size : {size_t{0}, size_t{522} * 3, size_t{100000}}) {
+    std::vector<unsigned char> bytes(size);
+    for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<unsigned char>(i * 7);
+    client::Connection c;
+    ASSERT_TRUE(client::Connection::open("127.0.0.1", agent.port(), c).ok());
+    ASSERT_TRUE(c.send(client::Request(2)).ok());
+    client::Status st = c.push_memory_file(bytes);
+    ASSERT_TRUE(st.ok()) << st.message;
+    EXPECT_TRUE(eventually([&] { return read_file(memory).size() == size; }));
+    EXPECT_EQ(read_file(memory), std::string(bytes.begin(), bytes.end()));
+  }
+
+  // A connection cut mid-file leaves what arrived and is logged.
+  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  addr.sin_port = htons(static_cast<uint16_t>(agent.port()));
+  ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+  std::string header = le16(6) + std::string("\x05\0\0\0", 4) + le16(0);  // 5 blocks announced
+  std::string sent = request_packet(2);
+  ASSERT_EQ(::send(fd, sent.data(), sent.size(), 0), 40);
+  char ack[10];
+  ASSERT_EQ(::recv(fd, ack, sizeof ack, MSG_WAITALL), 10);
+  EXPECT_EQ(hex(std::string(ack, 10)), "00090009000000000000");
+  std::string partial = header + std::string(522 * 2, 'm');
+  ASSERT_EQ(::send(fd, partial.data(), partial.size(), 0), static_cast<ssize_t>(partial.size()));
+  ::close(fd);
+  EXPECT_TRUE(eventually([&] { return tree.log().find("E-MEMF") != std::string::npos; }));
+  EXPECT_EQ(read_file(memory), std::string(522 * 2, 'm'));
+}
+
+}  // namespace
+}  // namespace kova::test
