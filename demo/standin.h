@@ -3,6 +3,9 @@
 // and the lock-file discipline of the real programs.
 #pragma once
 
+#include <fstream>
+#include <string>
+
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -150,9 +153,20 @@ inline bool wait_gone(const std::string& path, long ms) {
 }
 
 // Waits up to `ms` for process `pid` to end; true when it did.
+// True when the process has ended, reaped or not: an orphan may wait for
+// its reaper a while, and it runs no more.
+inline bool has_ended(pid_t pid) {
+  if (kill(pid, 0) != 0 && errno == ESRCH) return true;
+  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+  std::string record;
+  std::getline(stat, record);
+  auto close = record.rfind(')');
+  return close != std::string::npos && close + 2 < record.size() && record[close + 2] == 'Z';
+}
+
 inline bool wait_exit(pid_t pid, long ms) {
   for (long waited = 0; waited < ms; waited += 20) {
-    if (kill(pid, 0) != 0 && errno == ESRCH) return true;
+    if (has_ended(pid)) return true;
     usleep(20000);
   }
   return false;
