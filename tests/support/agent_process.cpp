@@ -2,6 +2,8 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <grp.h>
+#include <sys/stat.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
@@ -41,7 +43,7 @@ int wait_for(pid_t pid, std::chrono::milliseconds limit) {
 }
 
 pid_t spawn(const std::vector<std::string>& args, const std::vector<std::string>& env, const std::string& out_path,
-            const std::string& err_path) {
+            const std::string& err_path, int uid = -1) {
   std::vector<std::string> argv_storage{KOVA_AGENT_BIN};
   argv_storage.insert(argv_storage.end(), args.begin(), args.end());
   std::vector<char*> argv;
@@ -64,6 +66,9 @@ pid_t spawn(const std::vector<std::string>& args, const std::vector<std::string>
   ::dup2(err, 2);
   for (char* e : envp)
     if (e != nullptr) ::putenv(e);
+  if (uid >= 0 && (::setgroups(0, nullptr) != 0 || ::setgid(static_cast<gid_t>(uid)) != 0 ||
+                   ::setuid(static_cast<uid_t>(uid)) != 0))
+    ::_exit(125);
   ::execv(argv[0], argv.data());
   ::_exit(127);
 }
@@ -104,10 +109,11 @@ std::string InstallTree::log() const {
 }
 
 RunResult run_agent(const std::vector<std::string>& args, const std::vector<std::string>& env,
-                    std::chrono::milliseconds limit) {
+                    std::chrono::milliseconds limit, int uid) {
   TempDir io;
+  ::chmod(io.path().c_str(), 0777);
   RunResult result;
-  pid_t pid = spawn(args, env, io / "out", io / "err");
+  pid_t pid = spawn(args, env, io / "out", io / "err", uid);
   if (pid < 0) return result;
   result.status = wait_for(pid, limit);
   if (result.status == -1) {

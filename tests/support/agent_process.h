@@ -33,9 +33,10 @@ struct RunResult {
   std::string out, err;
 };
 
-// Runs the agent with `args` and waits for it (at most `limit`).
+// Runs the agent with `args` and waits for it (at most `limit`). With
+// `uid` set (and the test running as root) it runs under that account.
 RunResult run_agent(const std::vector<std::string>& args, const std::vector<std::string>& env = {},
-                    std::chrono::milliseconds limit = std::chrono::seconds(20));
+                    std::chrono::milliseconds limit = std::chrono::seconds(20), int uid = -1);
 
 // A TCP port on 127.0.0.1 that nothing listens on right now.
 int free_port();
