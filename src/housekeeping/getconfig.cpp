@@ -1,0 +1,228 @@
+#include "housekeeping/getconfig.h"
+
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <sys/utsname.h>
+
+#include <cstdio>
+#include <memory>
+
+#include "components/dc_lockfile.h"
+#include "core/log.h"
+#include "core/shell.h"
+#include "core/version.h"
+#include "delivery/file_transfer.h"
+#include "platform/system_facts.h"
+#include "platform/unique.h"
+
+namespace kova {
+namespace {
+
+// The report presents this agent as its Solaris build, whatever the host.
+constexpr const char* kReportVendor = "Sun";
+constexpr const char* kReportOs = "SUN";
+constexpr const char* kMeasurewareCollector = "scopeux";
+
+bool exists(const std::string& path) {
+  struct stat st {};
+  return ::stat(path.c_str(), &st) == 0;
+}
+
+struct PipeCloser {
+  void operator()(std::FILE* pipe) const { ::pclose(pipe); }
+};
+
+// Size and free space in MB of the file system holding `path`; both 0 when
+// it cannot be queried. Free is what an unprivileged user may still write,
+// as every other free-space figure of the agent.
+void data_disk_space(const std::string& path, double& total_mb, double& free_mb) {
+  total_mb = 0;
+  free_mb = 0;
+  struct statvfs fs {};
+  if (::statvfs(path.c_str(), &fs) != 0) return;
+  const double fragment = static_cast<double>(fs.f_frsize);
+  total_mb = static_cast<double>(fs.f_blocks) * fragment / 1024.0 / 1024.0;
+  free_mb = static_cast<double>(fs.f_bavail) * fragment / 1024.0 / 1024.0;
+}
+
+void value_line(std::FILE* out, const char* name, const std::string& value) {
+  std::fprintf(out, "%s:%s\n", name, value.c_str());
+}
+
+}  // namespace
+
+std::string config_report_path(const AgentSettings& settings, const std::string& host) {
+  return settings.tmp_dir + "/kova_sysconf_" + host + ".dat";
+}
+
+int GetSN(std::string& out) {
+  out = host_serial();
+  return 1;
+}
+
+int get_mwa_version(std::string& out, const std::string& program) {
+  out = "not found";
+  if (!exists(program)) return 1;
+  std::unique_ptr<std::FILE, PipeCloser> pipe(::popen((shell_quote(program) + " version").c_str(), "re"));
+  if (!pipe) return 1;
+  char line[512];
+  while (std::fgets(line, sizeof line, pipe.get()) != nullptr) {
+    std::string text = line;
+    if (!text.empty() && text.back() == '\n') text.pop_back();
+    const size_t at = text.find(kMeasurewareCollector);
+    // The version follows the word and the one separator after it.
+    if (at != std::string::npos) out = text.size() > at + 8 ? text.substr(at + 8) : std::string();
+  }
+  return 1;
+}
+
+int get_install_config(const AgentSettings& settings, const DcSettings& dc, const RtaSettings& rta,
+                       InstallConfig& install, const ConfigPrograms& programs) {
+  const bool measureware = settings.measureware_source == 1;
+  install.collector_name = measureware ? kDataSourceMeasureware : kDataSourceCollector;
+  if (measureware) {
+    get_mwa_version(install.collector_version, programs.measureware);
+  } else {
+    DcLockfile lock;
+    if (dc_read_lockfile(settings.collector_lock_path, lock) == 1) install.collector_version = lock.version;
+    install.collector_verbose = std::to_string(dc.verbose);
+    install.collector_retain = std::to_string(dc.retain);
+  }
+  install.collector_scan = std::to_string(dc.scan_rate);
+  install.collector_write = std::to_string(dc.write_rate);
+  install.collector_buffers = "0";
+
+  // The agent's data directory is where it fetches the collector's files
+  // from, so that is the one the server wants sized.
+  install.collector_data_path = settings.data_dir;
+  double total_mb = 0;
+  double free_mb = 0;
+  data_disk_space(settings.data_dir, total_mb, free_mb);
+  install.collector_data_disk_total = string_printf("%.0f %s", total_mb, "MB");
+  install.collector_data_disk_free = string_printf("%.0f %s", free_mb, "MB");
+  int ave_mb = 0;
+  (void)get_ave_data_file_size(settings, ave_mb);
+  install.collector_data_ave_size = string_printf("%d~%s", ave_mb, "MB");
+
+  install.agent_version = string_printf("%s:%s", kBuildVersion, kBuildDate);
+  install.agent_verbose = std::to_string(settings.verbose);
+  install.agent_port = std::to_string(settings.port);
+  install.agent_server = settings.server;
+
+  const bool realtime = exists(programs.realtime);
+  install.realtime_installed = realtime ? "1" : "0";
+  install.realtime_version = install.agent_version;
+  if (realtime) {
+    install.realtime_verbose = std::to_string(rta.verbose);
+    install.realtime_processes = std::to_string(rta.processes);
+    install.realtime_alerts = std::to_string(rta.alerts);
+    install.realtime_scan = std::to_string(rta.scan_rate);
+    install.realtime_port = std::to_string(rta.port);
+  }
+  return 1;
+}
+
+int get_system_config(SystemConfig& system) {
+  utsname uts{};
+  if (::uname(&uts) == 0) {
+    system.name = uts.nodename;
+    system.os_version = uts.release;
+  }
+  GetSN(system.serial_number);
+  system.model = platform_name();
+  system.vendor = kReportVendor;
+  system.os = kReportOs;
+  system.processor_count = processor_count();
+  system.disk_count = disk_count();
+  const double mb = static_cast<double>(physical_memory_bytes()) / 1024.0 / 1024.0;
+  system.memory_total_mb = mb < 0 ? 0 : mb;
+  system.disk_total_capacity = 0;
+  return 1;
+}
+
+int get_processor_config(ProcessorConfig& processor) {
+  // No processor model source on this platform: the section stays out.
+  processor.valid = 0;
+  return 1;
+}
+
+int write_config(const AgentSettings& settings, const InstallConfig& install, const SystemConfig& system,
+                 const ProcessorConfig& processor, const std::string& path) {
+  const std::string file = path.empty() ? config_report_path(settings, settings.hostname) : path;
+  UniqueFile out(std::fopen(file.c_str(), "we"));
+  if (!out) return 0;
+  std::FILE* f = out.get();
+
+  std::fputs("<CONFIG>\n", f);
+  std::fputs("ConfigVersion:1\n", f);
+  std::fputs("<SYSTEM>\n", f);
+  value_line(f, "SystemName", system.name);
+  value_line(f, "SystemSerialNumber", system.serial_number);
+  value_line(f, "SystemModel", system.model);
+  value_line(f, "SystemVendor", system.vendor);
+  std::fprintf(f, "%s:%d\n", "SystemProcessorCount", system.processor_count);
+  std::fprintf(f, "%s:%d\n", "SystemDiskCount", system.disk_count);
+  std::fprintf(f, "%s:%.0f:MB\n", "SystemMemoryTotalCapacity", system.memory_total_mb);
+  std::fprintf(f, "%s:%.0f\n", "SystemDiskTotalCapacity", system.disk_total_capacity);
+  value_line(f, "SystemOS", system.os);
+  value_line(f, "SystemOSversion", system.os_version);
+  std::fputs("<ENDSYSTEM>\n", f);
+
+  if (processor.valid) {
+    std::fputs("<PROCESSOR>\n", f);
+    value_line(f, "ProcessorName", processor.name);
+    value_line(f, "ProcessorDesc", processor.description);
+    value_line(f, "ProcessorManufacturer", processor.manufacturer);
+    value_line(f, "ProcessorMaxClock", processor.max_clock);
+    value_line(f, "ProcessorExtClock", "");
+    std::fprintf(f, "%s:%d\n", "ProcessorDataWidth", processor.data_width);
+    value_line(f, "ProcessorArchitecture", processor.architecture);
+    value_line(f, "ProcessorVersion", "");
+    value_line(f, "ProcessorFamily", processor.name);
+    std::fputs("<ENDPROCESSOR>\n", f);
+  }
+
+  std::fputs("<VANTREL>\n", f);
+  value_line(f, "CollectorName", install.collector_name);
+  value_line(f, "CollectorVersion", install.collector_version);
+  value_line(f, "CollectorVerbose", install.collector_verbose);
+  value_line(f, "CollectorRetain", install.collector_retain);
+  value_line(f, "CollectorScan", install.collector_scan);
+  value_line(f, "CollectorWrite", install.collector_write);
+  value_line(f, "CollectorBuffers", install.collector_buffers);
+  value_line(f, "CollectorDataPath", install.collector_data_path);
+  value_line(f, "CollectorDataDiskSpaceTotal", install.collector_data_disk_total);
+  value_line(f, "CollectorDataDiskSpaceFree", install.collector_data_disk_free);
+  value_line(f, "CollectorDataAveSize", install.collector_data_ave_size);
+  value_line(f, "AgentVersion", install.agent_version);
+  value_line(f, "AgentVerbose", install.agent_verbose);
+  value_line(f, "AgentPort", install.agent_port);
+  value_line(f, "AgentKovaServer", install.agent_server);
+  value_line(f, "RealtimeInstalled", install.realtime_installed);
+  value_line(f, "RealtimeVersion", install.realtime_version);
+  value_line(f, "RealtimeVerbose", install.realtime_verbose);
+  value_line(f, "RealtimeProcesses", install.realtime_processes);
+  value_line(f, "RealtimeAlerts", install.realtime_alerts);
+  value_line(f, "RealtimeScan", install.realtime_scan);
+  value_line(f, "RealtimePort", install.realtime_port);
+  std::fputs("<ENDVANTREL>\n", f);
+  std::fputs("<ENDCONFIG>\n", f);
+
+  // A report cut short by a full disk would mislead the server more than
+  // none at all; the caller still sends whatever is there.
+  const bool failed = std::ferror(f) != 0;
+  return out.close() == 0 && !failed ? 1 : 0;
+}
+
+int kova_getconfig(const AgentSettings& settings, const std::string& host, const DcSettings& dc,
+                   const RtaSettings& rta, const std::string& path, const ConfigPrograms& programs) {
+  InstallConfig install;
+  SystemConfig system;
+  ProcessorConfig processor;
+  get_install_config(settings, dc, rta, install, programs);
+  get_system_config(system);
+  get_processor_config(processor);
+  return write_config(settings, install, system, processor, path.empty() ? config_report_path(settings, host) : path);
+}
+
+}  // namespace kova
