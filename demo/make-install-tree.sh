@@ -1,8 +1,8 @@
 #!/bin/sh
 # Lays out a demo install tree in DIR from a build directory:
-#   bin (the stand-in collector, real-time agent and search agent, and the
-#   agent itself when it has been built), data, logs, tmp, tmp/update,
-#   outgoing, settings, update, mwa.
+#   bin (the stand-in collector, real-time agent, search agent, extraction
+#   and analysis tools, and the agent itself when it has been built), data,
+#   logs, tmp, tmp/update, outgoing, settings, update, mwa.
 # Usage: demo/make-install-tree.sh DIR [BUILD_DIR]   (BUILD_DIR: ./build)
 set -eu
 
@@ -14,7 +14,7 @@ root=$1
 build=${2:-build}
 standins="$build/demo/bin"
 
-for program in vorn_monitor kovarta sorlexagent; do
+for program in vorn_monitor kovarta sorlexagent kovaperf vorn_analyze; do
   if [ ! -x "$standins/$program" ]; then
     echo "$0: $standins/$program not found; build the demo targets first" >&2
     exit 1
@@ -25,7 +25,7 @@ for dir in bin data logs tmp tmp/update outgoing settings update mwa; do
   mkdir -p "$root/$dir"
 done
 # Copies, not links: each tree's programs are found by their own path.
-for program in vorn_monitor kovarta sorlexagent; do
+for program in vorn_monitor kovarta sorlexagent kovaperf vorn_analyze; do
   cp "$standins/$program" "$root/bin/$program"
 done
 if [ -x "$build/src/kovaagent" ]; then
