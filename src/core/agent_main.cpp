@@ -17,6 +17,7 @@
 #include "core/log_day.h"
 #include "core/request_loop.h"
 #include "core/version.h"
+#include "housekeeping/getconfig.h"
 #include "housekeeping/purge.h"
 #include "platform/privileges.h"
 #include "settings/command_line.h"
@@ -128,6 +129,7 @@ int agent_main(int argc, char** argv) {
   }
 
   become_service_account(s);
+  (void)kova_getconfig(s, s.hostname, collector_state().dc_cmdline, rta_cmdline());  // written at every start
   priv_off();
 
   if (s.purge == 1) return one_shot_purge(s);

@@ -7,6 +7,7 @@
 #include "components/rta.h"
 #include "components/sorlex.h"
 #include "core/log.h"
+#include "delivery/config_request.h"
 #include "delivery/file_transfer.h"
 #include "delivery/queries.h"
 #include "wire/packet.h"
@@ -170,9 +171,13 @@ int extended_request(int fd, const std::string& address, const PacketBuffer& req
     case ExtendedTag::kMerg: return not_served("<MERG>");
     case ExtendedTag::kAppData: return not_served("<APPDATA>");
     case ExtendedTag::kPerfNode: return not_served("PERF_NODE");
-    case ExtendedTag::kSysConfigNode:
+    case ExtendedTag::kSysConfigNode: {
       (void)socketsend_char_status(fd, 0);
-      return not_served("SYSCONFIG_NODE");
+      PacketBuffer buffer{};
+      int result = process_config_node_request(fd, s, address, ext.payload.data(), ext.length, buffer);
+      if (result != 0) socketsend_int_status(fd, result, "<SYSCONFIG_NODE>", 1);
+      return result;
+    }
     case ExtendedTag::kGetAgentVersion:
       (void)socketsend_char_status(fd, 0);
       return process_getversion_request(fd, s);
@@ -239,7 +244,16 @@ int process_request(int fd, const std::string& address, AgentState& state, int p
       send_reply(fd, reply, 8);
       return 30;
     }
-    case 15: return not_served("15");
+    case 15: {
+      write_to_log("I-PERF", "Request CONFIG file.");
+      PacketBuffer buffer{};
+      int result = process_config_request(fd, s, address, request, buffer);
+      if (result != 0) {
+        log_printf("E-CONFIG", "Problem sending .dat :  %s\n", result_text(result));
+        send_error(fd, result);
+      }
+      return result;
+    }
     case 16: {
       write_to_log("I-VERS", "sending os ID \n");
       PacketBuffer reply{};

@@ -171,3 +171,28 @@ TEST(Protocol, TheMemoryFileArrivesByteForByte) {
 
 }  // namespace
 }  // namespace kova::test
+
+namespace kova::test {
+namespace {
+
+TEST(Protocol, TheConfigurationReportIsWrittenAtStartAndSentOnRequest) {
+  InstallTree tree;
+  std::string report = tree / ("tmp/kova_sysconf_" + tree.hostname() + ".dat");
+  RunningAgent agent(tree, free_port());
+  ASSERT_TRUE(agent.started());
+  std::string written = read_file(report);
+  ASSERT_FALSE(written.empty());
+
+  std::string reply = round_trip(agent.port(), request_packet(15));
+  ASSERT_GE(reply.size(), 8u);
+  long blocks = static_cast<unsigned char>(reply[2]) | static_cast<unsigned char>(reply[3]) << 8;
+  long last = static_cast<unsigned char>(reply[6]) | static_cast<unsigned char>(reply[7]) << 8;
+  EXPECT_EQ(hex(reply.substr(0, 2)), "0600");
+  EXPECT_EQ(static_cast<long>(reply.size()) - 8, blocks * 522 + last);
+  EXPECT_EQ(reply.substr(8, 40), written.substr(0, 40));
+  EXPECT_FALSE(file_exists(report));  // sent, then removed
+  EXPECT_NE(tree.log().find("I-PERF,        Request CONFIG file.\n"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace kova::test
