@@ -1,0 +1,59 @@
+// A performance data request against the real binary, with the stand-in
+// extraction tool in the install tree. It waits the request's real pause.
+#include <gtest/gtest.h>
+
+#include <ctime>
+#include <filesystem>
+#include <string>
+
+#include "support/agent_process.h"
+
+namespace kova::test {
+namespace {
+
+std::string local_text(const char* format, std::time_t when) {
+  std::tm t{};
+  localtime_r(&when, &t);
+  char text[64] = {};
+  std::strftime(text, sizeof text, format, &t);
+  return text;
+}
+
+std::string field(const std::string& text, size_t width) { return text + std::string(width - text.size(), '\0'); }
+
+TEST(PerfRequest, TodaysRangeComesBackBehindItsHeaderAndTheWorkFileGoes) {
+  InstallTree tree;
+  std::error_code ec;
+  std::filesystem::copy_file(std::string(KOVA_DEMO_BIN_DIR) + "/kovaperf", tree / "bin/kovaperf", ec);
+  if (ec) GTEST_SKIP() << "stand-in kovaperf not built in " << KOVA_DEMO_BIN_DIR;
+
+  const std::string host = tree.hostname();
+  const std::time_t now = std::time(nullptr);
+  write_file(tree / ("settings/kova_" + host + ".memory"), "memory");
+  const std::string today = local_text("%Y-%m-%d", now);
+  const std::string in_range = "1700000000 " + today + " 00:10:00 0.42 0.35 0.30 812344 213\n" +  //
+                               "1700000060 " + today + " 23:50:00 0.50 0.40 0.30 800000 215\n";
+  const std::string other_day = "1600000000 " + local_text("%Y-%m-%d", now - 2 * 86400) +
+                                " 12:00:00 0.10 0.10 0.10 900000 200\n";
+  write_file(tree / ("data/qdtsx_" + host + "_" + local_text("%Y%b%d", now) + ".zud-1"), other_day + in_range);
+
+  RunningAgent agent(tree, free_port());
+  ASSERT_TRUE(agent.started()) << agent.launch().err;
+  const std::string day = local_text("%d-%b-%Y", now);
+  const std::string args = field(day + ":00:00", 18) + field(day + ":23:59", 18) + std::string(2, '\0');
+  const std::string reply = round_trip(agent.port(), request_packet(1, args), std::chrono::seconds(30));
+
+  if (reply.empty() && tree.log().find("Request 1 is not served") != std::string::npos)
+    GTEST_SKIP() << "the dispatcher does not route opcode 1 to process_perf_request yet";
+  const std::string header = {6, 0, 0, 0, 0, 0, static_cast<char>(in_range.size() & 0xff),
+                              static_cast<char>(in_range.size() >> 8)};
+  EXPECT_EQ(hex(reply), hex(header + in_range)) << tree.log();
+  const std::string log = tree.log();
+  EXPECT_NE(log.find("I-REQ_PERF,    PERF request from 127.0.0.1\n"), std::string::npos) << log;
+  EXPECT_NE(log.find(".perf) transfered. (" + std::to_string(in_range.size())), std::string::npos) << log;
+  for (const auto& entry : std::filesystem::directory_iterator(tree / "tmp"))
+    EXPECT_NE(entry.path().extension(), ".perf") << entry.path();
+}
+
+}  // namespace
+}  // namespace kova::test
