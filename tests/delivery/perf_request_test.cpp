@@ -93,6 +93,12 @@ class DataRequest : public test::WireTest {
     return exchange(
         [&](int fd) { return process_rawdata_request(fd, s_, "127.0.0.1", r, 1); }, result, name);
   }
+  std::string node(const std::string& payload, int& result) {
+    const auto* bytes = reinterpret_cast<const unsigned char*>(payload.data());
+    const int n = static_cast<int>(payload.size());
+    return exchange(
+        [&](int fd) { return process_perf_node_request(fd, s_, "127.0.0.1", bytes, n, buffer_, age_); }, result);
+  }
   int perf(const PacketBuffer& r, std::string& wire) {
     int result = -1;
     wire = exchange([&](int fd) { return process_perf_request(fd, s_, "127.0.0.1", r, buffer_, age_); }, result);
@@ -246,14 +252,8 @@ TEST_F(DataRequest, NodeRequestReadsTheHostsFileByOsAndPurgesItsOldFiles) {
     const std::string payload =
         field("05-Mar-2024:11:00", 18) + field("05-Mar-2024:11:59", 18) + le16(30) + field("db7", 32) + os;
     ASSERT_EQ(payload.size(), 70 + os.size());
-    const auto* bytes = reinterpret_cast<const unsigned char*>(payload.data());
     int result = -1;
-    const std::string wire = exchange(
-        [&](int fd) {
-          return process_perf_node_request(fd, s_, "127.0.0.1", bytes, static_cast<int>(payload.size()), buffer_,
-                                           age_);
-        },
-        result);
+    const std::string wire = node(payload, result);
     EXPECT_EQ(result, 0) << os;
     EXPECT_EQ(wire, inf(0, static_cast<int16_t>(kMorning.size())) + kMorning) << os;
     EXPECT_EQ(logged("I-PERF_ZUDFILE", s_.data_dir + "/" + file), seen + 1) << os;
@@ -273,38 +273,31 @@ TEST_F(DataRequest, NodeRequestRefusesShortPayloadsAndHostPaths) {
   for (const auto& [payload, message] : rows) {
     const int seen = count_in_log(message);
     int result = -1;
-    const auto* bytes = reinterpret_cast<const unsigned char*>(payload.data());
-    const std::string wire = exchange(
-        [&](int fd) {
-          return process_perf_node_request(fd, s_, "127.0.0.1", bytes, static_cast<int>(payload.size()), buffer_,
-                                           age_);
-        },
-        result);
+    const std::string wire = node(payload, result);
     EXPECT_EQ(result, kResultBadPacket) << message;
     EXPECT_EQ(wire, "");
     EXPECT_EQ(count_in_log(message), seen + 1) << message;
   }
 }
 
-// Splits a raw transfer into (name, bytes) items; the closing packet last.
-struct RawItem {
-  std::string name, bytes;
-};
-bool parse_raw(const std::string& wire, std::vector<RawItem>& items, std::string& closing) {
+// Splits a raw transfer into (name, bytes) items, sorted by name (the
+// directory's order is not fixed), and what follows them.
+using RawItems = std::vector<std::pair<std::string, std::string>>;
+bool parse_raw(const std::string& wire, RawItems& items, std::string& rest) {
   size_t at = 0;
   while (wire.size() - at >= kZudDataSize) {
-    const auto* p = reinterpret_cast<const unsigned char*>(wire.data() + at);
-    std::span<const unsigned char> packet(p, kZudDataSize);
+    std::span<const unsigned char> packet(reinterpret_cast<const unsigned char*>(wire.data() + at), kZudDataSize);
     if (Packet_CheckOPCODE(packet, 0) != 3) break;
     const size_t size = static_cast<size_t>(Packet_CheckLONG(packet, 2)) * 522 +
                         static_cast<size_t>(Packet_CheckOPCODE(packet, 6));
     const size_t name_length = static_cast<size_t>(Packet_CheckOPCODE(packet, 8));
     at += kZudDataSize;
     if (wire.size() - at < name_length + size) return false;
-    items.push_back({wire.substr(at, name_length), wire.substr(at + name_length, size)});
+    items.emplace_back(wire.substr(at, name_length), wire.substr(at + name_length, size));
     at += name_length + size;
   }
-  closing = wire.substr(at);
+  std::sort(items.begin(), items.end());
+  rest = wire.substr(at);
   return true;
 }
 
@@ -319,17 +312,12 @@ TEST_F(DataRequest, RawRequestSendsEveryMatchingFileThenOneClosingPacket) {
   const std::string wire = raw("qdtv_web1_2024Mar05", result);
   ASSERT_EQ(result, 0) << log_text();
 
-  std::vector<RawItem> items;
+  RawItems items;
   std::string closing;
   ASSERT_TRUE(parse_raw(wire, items, closing));
-  std::sort(items.begin(), items.end(), [](const RawItem& a, const RawItem& b) { return a.name < b.name; });
-  ASSERT_EQ(items.size(), 3u);
-  EXPECT_EQ(items[0].name, "qdtl_web1_2024Mar05.zud-1");
-  EXPECT_EQ(items[0].bytes, kDay);
-  EXPECT_EQ(items[1].name, "qdtl_web1_2024Mar05.zud-1.empty");
-  EXPECT_EQ(items[1].bytes, "");
-  EXPECT_EQ(items[2].name, "qdtsx_web1_2024Mar05.zud-1");
-  EXPECT_EQ(items[2].bytes, big);
+  EXPECT_EQ(items, (RawItems{{"qdtl_web1_2024Mar05.zud-1", kDay},
+                             {"qdtl_web1_2024Mar05.zud-1.empty", ""},
+                             {"qdtsx_web1_2024Mar05.zud-1", big}}));
   EXPECT_EQ(closing, std::string("\x04\0\0\0\0\0\0\0\0\0", 10));
   EXPECT_EQ(slept, kDataRequestPause);
 
