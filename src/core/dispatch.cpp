@@ -9,6 +9,8 @@
 #include "core/log.h"
 #include "delivery/config_request.h"
 #include "delivery/file_transfer.h"
+#include "delivery/merge_request.h"
+#include "delivery/perf_request.h"
 #include "delivery/queries.h"
 #include "wire/packet.h"
 #include "wire/request.h"
@@ -155,6 +157,21 @@ int receive_memory_file(int fd, const std::string& address, const PacketBuffer& 
   return result;
 }
 
+int perf_request(int fd, const std::string& address, const PacketBuffer& request, AgentState& state) {
+  const AgentSettings& s = state.settings;
+  PacketBuffer buffer{};
+  const int result = process_perf_request(fd, s, address, request, buffer, state.zud_age);
+  if (result == kResultRawDataNotFound)
+    log_printf("E-PERF", "Problem sending .PERF :  %s\n", "zud data file not found.");
+  else if (result != 0)
+    log_printf("E-PERF", "Problem sending .PERF :  %d\n", result);
+  if (result != 0)
+    send_error(fd, result);
+  else if (validateConsole(address, s.settings_server) == 1)
+    purge_fetched_data_files(s, state.zud_age);
+  return result;
+}
+
 // A request this agent does not serve yet: logged, connection closed.
 int not_served(const char* what) {
   log_printf("W-NOT_SERVED", "Request %s is not served by this agent", what);
@@ -168,9 +185,23 @@ int extended_request(int fd, const std::string& address, const PacketBuffer& req
 
   const AgentSettings& s = state.settings;
   switch (match_extended_tag(ext.tag.data())) {
-    case ExtendedTag::kMerg: return not_served("<MERG>");
+    case ExtendedTag::kMerg: {
+      PacketBuffer buffer{};
+      const int result = process_merg_request(fd, s, address, ext.payload.data(), ext.length, buffer);
+      if (result != 0) (void)socketsend_int_status(fd, result, "<MERG>", 1);
+      return result;
+    }
     case ExtendedTag::kAppData: return not_served("<APPDATA>");
-    case ExtendedTag::kPerfNode: return not_served("PERF_NODE");
+    case ExtendedTag::kPerfNode: {
+      PacketBuffer buffer{};
+      const int result =
+          process_perf_node_request(fd, s, address, ext.payload.data(), ext.length, buffer, state.zud_age);
+      if (result != 0) {
+        log_printf("E-PERFNODE", "Problem sending .PERF :  %s\n", result_text(result));
+        send_error(fd, result);
+      }
+      return result;
+    }
     case ExtendedTag::kSysConfigNode: {
       (void)socketsend_char_status(fd, 0);
       PacketBuffer buffer{};
@@ -226,7 +257,7 @@ int process_request(int fd, const std::string& address, AgentState& state, int p
   if (s.verbose) log_printf("I-READ", "Check packet type... pid: %d  opcode: %d", pid, opcode);
 
   switch (opcode) {
-    case 1: return not_served("1");
+    case 1: return perf_request(fd, address, request, state);
     case 2: return receive_memory_file(fd, address, request, s);
     case 3: return start_collector(fd, address, request, s);
     case 4: return stop_collector(fd, address, s);
@@ -234,7 +265,7 @@ int process_request(int fd, const std::string& address, AgentState& state, int p
     case 6: return component_status(fd, state);
     case 7: return kResultTerminate;
     case 8:
-    case 13: return not_served(opcode == 8 ? "8" : "13");
+    case 13: return process_rawdata_request(fd, s, address, request, opcode == 8 ? 0 : 1);
     case 9: return start_rta(fd, address, request, s);
     case 10: return stop_rta(fd, address, s);
     case 14: {
