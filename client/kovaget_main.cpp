@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <string>
 #include <vector>
 
@@ -244,6 +245,119 @@ int run_ext(Session& s, const Args& a) {
   return deliver_rest(s, std::span(reply).subspan(kova::kStatusSize));
 }
 
+// A transferred file: stored with -o, else written to standard output.
+int take_file(Session& s, const char* what) {
+  kova::client::TransferInfo info;
+  Status st;
+  if (!s.options.out_path.empty()) {
+    st = s.connection.receive_file_to_path(s.options.out_path, info);
+    if (!st.ok()) return fail(st);
+    std::printf("%s: %lld bytes written to %s\n", what, static_cast<long long>(info.size()), s.options.out_path.c_str());
+    return 0;
+  }
+  std::vector<unsigned char> bytes;
+  st = s.connection.receive_file_to_buffer(bytes, info);
+  if (!st.ok()) return fail(st);
+  std::fwrite(bytes.data(), 1, bytes.size(), stdout);
+  return 0;
+}
+
+// Today's time range in the server's form: "DD-Mon-YYYY:00:00" and ":23:59".
+std::string today(const char* hour_minute) {
+  std::time_t now = std::time(nullptr);
+  std::tm local{};
+  localtime_r(&now, &local);
+  char day[32];
+  std::strftime(day, sizeof day, "%d-%b-%Y:", &local);
+  return std::string(day) + hour_minute;
+}
+
+// perf [START END [AGE]]: the extracted performance data of a time range
+// (default: today). The agent waits ten seconds before it answers.
+int run_perf(Session& s, const Args& a) {
+  const std::string start = a.size() > 0 ? a[0] : today("00:00");
+  const std::string end = a.size() > 1 ? a[1] : today("23:59");
+  long age = 14;
+  if (a.size() > 2 && !parse_int(a[2], -32768, 32767, age)) return bad_argument("AGE " + a[2]);
+  Request r(1);
+  r.put_text(2, start, 18).put_text(20, end, 18).put_short(38, static_cast<int>(age));
+  Status st = connect_and_send(s, r);
+  if (!st.ok()) return fail(st);
+  return take_file(s, "performance data");
+}
+
+int run_config(Session& s, const Args&) {
+  Status st = connect_and_send(s, Request(15));
+  if (!st.ok()) return fail(st);
+  return take_file(s, "configuration report");
+}
+
+// merge [START END]: the merged report of a time range (default: today).
+int run_merge(Session& s, const Args& a) {
+  std::string payload(36, '\0');
+  const std::string start = a.size() > 0 ? a[0] : today("00:00");
+  const std::string end = a.size() > 1 ? a[1] : today("23:59");
+  payload.replace(0, std::min<size_t>(start.size(), 18), start.substr(0, 18));
+  payload.replace(18, std::min<size_t>(end.size(), 18), end.substr(0, 18));
+  Status st = Connection::open(s.options.host, s.options.port, s.connection, s.options.timeout_ms);
+  if (st.ok())
+    st = s.connection.send_extended("<MERG>", std::span(reinterpret_cast<const unsigned char*>(payload.data()),
+                                                        payload.size()));
+  if (!st.ok()) return fail(st);
+  return take_file(s, "merged report");
+}
+
+// raw NAME: the collector's data files that match NAME less its four-letter
+// type prefix, each behind a 10-byte packet and its name, then a closing
+// packet. Stored under their own names in the -o directory, else listed.
+int run_raw(Session& s, const Args& a) {
+  const std::string& name = a[0];
+  Request r(8);
+  r.put_short(2, static_cast<int>(name.size()));
+  Status st = connect_and_send(s, r);
+  if (st.ok()) st = s.connection.send_bytes(std::span(reinterpret_cast<const unsigned char*>(name.data()), name.size()));
+  if (!st.ok()) return fail(st);
+  for (int files = 0;; ++files) {
+    std::array<unsigned char, 10> item{};
+    const int code = [&] {
+      st = s.connection.read_exact(std::span(item).first(8));
+      return st.ok() ? kova::Packet_CheckOPCODE(item) : -1;
+    }();
+    if (code == kova::kPacketErr) {
+      const int result = kova::Packet_CheckOPCODE(item, 2);
+      return fail(Status{kova::client::Error::kErrorPacket, result,
+                         "agent error " + std::to_string(result) + ": " + kova::result_text(result)});
+    }
+    if (st.ok()) st = s.connection.read_exact(std::span(item).subspan(8));
+    if (!st.ok()) return fail(st);
+    if (code == 4) {  // the closing packet
+      if (files == 0) std::printf("no files\n");
+      return 0;
+    }
+    if (code != 3) return fail(Status{kova::client::Error::kBadReply, 0, "unexpected packet " + std::to_string(code)});
+    const int64_t size = static_cast<int64_t>(kova::Packet_CheckLONG(item, 2)) * 522 +
+                         static_cast<uint16_t>(kova::Packet_CheckOPCODE(item, 6));
+    std::string file_name(static_cast<size_t>(kova::Packet_CheckOPCODE(item, 8)), '\0');
+    if (st = s.connection.read_exact(std::span(reinterpret_cast<unsigned char*>(file_name.data()), file_name.size()));
+        !st.ok())
+      return fail(st);
+    if (file_name.find('/') != std::string::npos || file_name == "." || file_name == "..")
+      return fail(Status{kova::client::Error::kBadReply, 0, "bad file name from the agent"});
+    std::vector<unsigned char> bytes(static_cast<size_t>(size));
+    if (st = s.connection.read_exact(bytes); !st.ok()) return fail(st);
+    if (s.options.out_path.empty()) {
+      std::printf("%s: %lld bytes\n", file_name.c_str(), static_cast<long long>(size));
+      continue;
+    }
+    const std::string path = s.options.out_path + "/" + file_name;
+    std::FILE* f = std::fopen(path.c_str(), "wb");
+    bool ok = f != nullptr && std::fwrite(bytes.data(), 1, bytes.size(), f) == bytes.size();
+    if (f != nullptr && std::fclose(f) != 0) ok = false;
+    if (!ok) return fail(Status{kova::client::Error::kLocalFile, 0, "cannot write " + path});
+    std::printf("%s: %lld bytes written\n", path.c_str(), static_cast<long long>(size));
+  }
+}
+
 struct Command {
   const char* name;
   const char* args;
@@ -266,6 +380,10 @@ constexpr Command kCommands[] = {
     {"sorlexstart", "", 0, 0, "start the search agent (opcode 18)", run_sorlexstart},
     {"sorlexstop", "", 0, 0, "stop the search agent (opcode 19)", run_sorlexstop},
     {"sorlexstatus", "", 0, 0, "search agent status (opcode 20)", run_sorlexstatus},
+    {"perf", "[START END [AGE]]", 0, 3, "performance data of a time range, default today (opcode 1)", run_perf},
+    {"raw", "NAME", 1, 1, "the collector's raw data files matching NAME (opcode 8; -o: a directory)", run_raw},
+    {"merge", "[START END]", 0, 2, "the merged report of a time range, default today (<MERG>)", run_merge},
+    {"config", "", 0, 0, "the system configuration report (opcode 15)", run_config},
     {"opcode", "N", 1, 1, "send a bare request with opcode N; print the reply raw (-o: store a file)", run_opcode},
     {"ext", "TAG [PAYLOAD]", 1, 2, "send an extended request (opcode 254)", run_ext},
 };

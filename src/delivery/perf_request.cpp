@@ -18,7 +18,6 @@
 #include "components/command.h"
 #include "core/clock.h"
 #include "core/log.h"
-#include "core/shell.h"
 #include "delivery/file_transfer.h"
 #include "housekeeping/purge.h"
 #include "platform/unique.h"
@@ -450,7 +449,7 @@ std::string command_text(const std::vector<std::string>& argv) {
   std::string text;
   for (const std::string& arg : argv) {
     if (!text.empty()) text += ' ';
-    text += shell_quote(arg);
+    text += arg;
   }
   return text;
 }

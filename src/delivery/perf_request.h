@@ -130,7 +130,8 @@ void purge_fetched_data_files(const AgentSettings& settings, int age);
 // exec failed.
 [[nodiscard]] int run_program(const std::vector<std::string>& argv, std::string& output);
 
-// argv as one shell-quoted line, for the log.
+// argv joined by blanks, as the command line reads in the log. No shell
+// ever sees it: the program is started from the argument vector itself.
 std::string command_text(const std::vector<std::string>& argv);
 
 }  // namespace kova

@@ -1,0 +1,50 @@
+#!/usr/bin/env bash
+# Builds the agent, lays out demo-tree/ with the stand-in collector and
+# companions, starts the agent on it and asks it what the central server
+# would: versions, the configuration report, a collector start and status,
+# and today's performance data. The agent keeps running afterwards.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/deps.sh
+
+build=build/demo
+tree=$PWD/demo-tree
+port=${KOVA_DEMO_PORT:-16610}
+
+cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DKOVA_TESTS=OFF -DKOVA_BENCH=OFF >/dev/null
+cmake --build "$build"
+
+# A demo agent from an earlier run is stopped through its own lock file.
+if ls "$tree"/tmp/*_kova.lock >/dev/null 2>&1; then
+  "$tree/bin/kovaagent" -rootdir "$tree" -stop >/dev/null 2>&1 || true
+  "$tree/bin/vorn_monitor" -rootdir "$tree" -stop >/dev/null 2>&1 || true
+  sleep 1
+fi
+demo/make-install-tree.sh "$tree" "$build" >/dev/null
+printf 'demo memory file\n' >"$tree/demo.memory"
+
+get() { echo "\$ kovaget $*" | sed "s|$tree|demo-tree|g"; "$build/client/kovaget" -p "$port" "$@"; echo; }
+
+echo "== starting the agent on port $port"
+# The daemon keeps the standard output it was started with; a file, not
+# this terminal's pipe, so that the demo's output can be piped too.
+"$tree/bin/kovaagent" -rootdir "$tree" -port "$port" >"$tree/logs/agent.out" 2>&1
+for _ in $(seq 50); do grep -q started "$tree/logs/agent.out" && break; sleep 0.1; done
+cat "$tree/logs/agent.out"
+echo
+get version
+get os
+get memory "$tree/demo.memory"
+report=$(get config)
+printf '%s\n' "$report" | sed -n 1,12p
+echo "   ... (the whole report: kovaget -p $port config)"
+echo
+get dcstart 60 0
+get status
+echo "== today's performance data (the agent waits ten seconds first, as the server expects)"
+get perf
+echo "== the agent's log: $tree/logs"
+tail -n 5 "$tree"/logs/kova_*.log
+echo
+echo "The agent keeps running. Ask more with: $build/client/kovaget -p $port COMMAND"
+echo "Stop it with:                           demo-tree/bin/kovaagent -rootdir $tree -stop"
