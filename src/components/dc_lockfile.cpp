@@ -1,3 +1,4 @@
+#include "platform/files.h"
 #include "components/dc_lockfile.h"
 
 #include <sys/stat.h>
@@ -71,11 +72,6 @@ std::string* text_field(DcLockfile& r, int key) {
     case kCurrentDataFile: return &r.current_data_file;
     default: return nullptr;
   }
-}
-
-bool exists(const std::string& path) {
-  struct stat st;
-  return ::stat(path.c_str(), &st) == 0;
 }
 
 // The first line of `file`, its line feed included; empty at end of file.
@@ -189,9 +185,9 @@ int kova_determine_dc_version(const AgentSettings& settings, DcVersion& version,
   int result = kova_read_dc_lockfile(settings.collector_lock_path, record, version, legacy);
   if (result == 1) return result;
   version = {0, "Unknown"};
-  if (exists(legacy.bin_dir + "/vorn_monitor"))
+  if (file_exists(legacy.bin_dir + "/vorn_monitor"))
     version = {5, "vORN Monitor 5.0"};
-  else if (exists(legacy.bin_dir + "/zudunix"))
+  else if (file_exists(legacy.bin_dir + "/zudunix"))
     version = {4, "vORN Monitor 4.0n"};
   return result;
 }

@@ -1,3 +1,4 @@
+#include "platform/files.h"
 #include "components/dc_settings.h"
 
 #include <sys/stat.h>
@@ -36,11 +37,6 @@ std::string host_name() {
   std::string host(name);
   if (auto dot = host.find('.'); dot != std::string::npos) host.resize(dot);
   return host;
-}
-
-bool exists(const std::string& path) {
-  struct stat st;
-  return ::stat(path.c_str(), &st) == 0;
 }
 
 // Reader keys, in the order they are tested: a longer key that contains a
@@ -141,7 +137,7 @@ int dc_resolve_softlink(const std::string& path, std::string& out, int print) {
 }
 
 int dc_update_paths(DcSettings& record, const std::string& root) {
-  if (!exists(root)) return 0;
+  if (!file_exists(root)) return 0;
   record.install_dir = root;
   for (auto [dir, sub] : {std::pair{&record.data_dir, "/data"}, std::pair{&record.log_dir, "/logs"},
                           std::pair{&record.settings_dir, "/settings"}, std::pair{&record.tmp_dir, "/tmp"}}) {
@@ -201,7 +197,7 @@ int dc_write_settings_file(DcSettings& record) {
     std::fprintf(stderr, "failed to open %s, %s \n", path.c_str(), std::strerror(errno));
     return 0;
   }
-  if (!exists(record.install_dir)) (void)dc_update_paths(record, kDefaultInstallRoot);
+  if (!file_exists(record.install_dir)) (void)dc_update_paths(record, kDefaultInstallRoot);
 
   std::FILE* f = file.get();
   std::fprintf(f, "WRITE_RATE~%d\n", record.write_rate);

@@ -1,3 +1,4 @@
+#include "platform/files.h"
 #include "components/rta.h"
 
 #include <sys/stat.h>
@@ -25,11 +26,6 @@ namespace kova {
 namespace {
 
 constexpr const char* kProgram = "kovarta";
-
-bool exists(const std::string& path) {
-  struct stat st;
-  return ::stat(path.c_str(), &st) == 0;
-}
 
 std::string host_name() {
   char name[256] = {};
@@ -246,7 +242,7 @@ int StopRTA_UNIX(const AgentSettings& settings) {
 }
 
 int CheckRTA_UNIX(const AgentSettings& settings) {
-  if (!exists(settings.install_root + "/bin/" + kProgram)) return kStatusNotInstalled;
+  if (!file_exists(settings.install_root + "/bin/" + kProgram)) return kStatusNotInstalled;
   RtaLockfile lock;
   if (rta_read_lockfile(settings.rta_lock_path, lock) != 1) return kStatusNotRunning;
   const bool up = findproc(kProgram, lock.pid, settings.verbose) != 0;

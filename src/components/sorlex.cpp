@@ -1,3 +1,4 @@
+#include "platform/files.h"
 #include "components/sorlex.h"
 
 #include <sys/stat.h>
@@ -17,11 +18,6 @@ namespace {
 
 constexpr const char* kProgram = "sorlexagent";
 
-bool exists(const std::string& path) {
-  struct stat st;
-  return ::stat(path.c_str(), &st) == 0;
-}
-
 std::string program_path(const std::string& root) { return root + "/bin/" + kProgram; }
 
 }  // namespace
@@ -29,7 +25,7 @@ std::string program_path(const std::string& root) { return root + "/bin/" + kPro
 int StartSORLEX_UNIX(const std::string& root, int debug) {
   const std::string startup = root + "/sorlexagent.txt";
   const std::string spare = root + "/tmp/sorlexagent.txt";
-  if (!exists(startup) && exists(spare)) {
+  if (!file_exists(startup) && file_exists(spare)) {
     // The program looks for its start-up file only beside its bin dir.
     std::error_code ec;
     std::filesystem::copy_file(spare, startup, ec);
@@ -51,7 +47,7 @@ int StopSORLEX_UNIX(const std::string& root, int debug) {
 }
 
 int CheckSORLEX_UNIX(const std::string& root, int debug) {
-  if (!exists(program_path(root))) return kStatusNotInstalled;
+  if (!file_exists(program_path(root))) return kStatusNotInstalled;
   const bool up = find_process_by_name(kProgram, ::getpid(), debug) >= 1;
   if (debug == 1) write_to_log("I-SORLEX_STAT", up ? "Sorlex Agent UP" : "Sorlex Agent DOWN");
   return up ? kStatusRunning : kStatusNotRunning;

@@ -1,3 +1,4 @@
+#include "platform/files.h"
 #include "delivery/merge_request.h"
 
 #include <sys/stat.h>
@@ -18,16 +19,11 @@ namespace {
 
 constexpr size_t kMergHostField = 64;
 
-bool exists(const std::string& path) {
-  struct stat st {};
-  return ::stat(path.c_str(), &st) == 0;
-}
-
 // The request both forms share once their fields are read.
 int serve_merge(int socket, const AgentSettings& settings, const std::string& peer, const std::string& start,
                 const std::string& end, PacketBuffer& buffer) {
   if (settings.verbose == 1) log_printf("I-MERG_FINDMEM", "Find  %s...", settings.memory_file_path.c_str());
-  if (!exists(settings.memory_file_path)) return kResultMemoryFileNotFound;
+  if (!file_exists(settings.memory_file_path)) return kResultMemoryFileNotFound;
   if (settings.verbose == 1) log_printf("I-MEM_FOUNDMEM", "Found %s", settings.memory_file_path.c_str());
 
   std::string merg, proc;
@@ -90,11 +86,11 @@ int create_merg_file(const AgentSettings& settings, const std::string& peer, con
     log_printf("I-MERG_VAL", "End time %s", end.c_str());
     log_printf("I-MERG", "Data file %s", data_file.c_str());
   }
-  if (!exists(data_file)) {
+  if (!file_exists(data_file)) {
     if (settings.verbose == 1) log_printf("I-ZUDNOTFND", "Data file not found, %s", data_file.c_str());
     return kResultRawDataNotFound;
   }
-  if (!exists(tool)) {
+  if (!file_exists(tool)) {
     if (settings.verbose == 1) log_printf("I-IMGNOTFND", "%s not found", tool.c_str());
     return kResultAnalyzeNotInstalled;
   }

@@ -1,3 +1,4 @@
+#include "platform/files.h"
 #include "delivery/perf_request.h"
 
 #include <dirent.h>
@@ -43,11 +44,6 @@ constexpr DataFileRow kDataFileTable[] = {
     {"HP-UX", "qdth", ".zud-1"},       {"Solaris x86", "qdtsx", ".zud-1"}, {"Solaris", "qdts", ".zud-1"},
     {"VMS", nullptr, ".pmd"},
 };
-
-bool file_exists(const std::string& path) {
-  struct stat st {};
-  return ::stat(path.c_str(), &st) == 0;
-}
 
 std::tm yesterday() {
   std::time_t now = clock_now();

@@ -1,3 +1,4 @@
+#include "platform/files.h"
 #include "housekeeping/getconfig.h"
 
 #include <sys/stat.h>
@@ -22,11 +23,6 @@ namespace {
 constexpr const char* kReportVendor = "Sun";
 constexpr const char* kReportOs = "SUN";
 constexpr const char* kMeasurewareCollector = "scopeux";
-
-bool exists(const std::string& path) {
-  struct stat st {};
-  return ::stat(path.c_str(), &st) == 0;
-}
 
 struct PipeCloser {
   void operator()(std::FILE* pipe) const { ::pclose(pipe); }
@@ -62,7 +58,7 @@ int GetSN(std::string& out) {
 
 int get_mwa_version(std::string& out, const std::string& program) {
   out = "not found";
-  if (!exists(program)) return 1;
+  if (!file_exists(program)) return 1;
   std::unique_ptr<std::FILE, PipeCloser> pipe(::popen((shell_quote(program) + " version").c_str(), "re"));
   if (!pipe) return 1;
   char line[512];
@@ -109,7 +105,7 @@ int get_install_config(const AgentSettings& settings, const DcSettings& dc, cons
   install.agent_port = std::to_string(settings.port);
   install.agent_server = settings.server;
 
-  const bool realtime = exists(programs.realtime);
+  const bool realtime = file_exists(programs.realtime);
   install.realtime_installed = realtime ? "1" : "0";
   install.realtime_version = install.agent_version;
   if (realtime) {

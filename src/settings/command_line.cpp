@@ -1,3 +1,4 @@
+#include "platform/files.h"
 #include "settings/command_line.h"
 
 #include <grp.h>
@@ -28,11 +29,6 @@ int root_from_env(const char* variable, std::string& out) {
   }
   out = kDefaultRoot;
   return 2;
-}
-
-bool path_exists(const std::string& path) {
-  struct stat st;
-  return ::lstat(path.c_str(), &st) == 0;
 }
 
 // The paths that always follow the install root and the host name.

@@ -1,3 +1,4 @@
+#include "platform/files.h"
 #include "settings/lock_file.h"
 
 #include <fcntl.h>
@@ -73,11 +74,6 @@ bool release_without_lock_file() {
   for (const char* old : {"5.6", "5.7", "5.8", "5.9"})
     if (release.find(old) != std::string_view::npos) return true;
   return false;
-}
-
-bool exists(const std::string& path) {
-  struct stat st;
-  return ::stat(path.c_str(), &st) == 0;
 }
 
 void print_report(const AgentLockRecord& r) {
@@ -173,7 +169,7 @@ int kova_read_lockfile(const std::string& path, AgentLockRecord& record) {
 }
 
 int kova_delete_existing_lockfile(const std::string& path, int verbose) {
-  if (exists(path)) {
+  if (file_exists(path)) {
     if (verbose) std::fprintf(stderr, "KOVA-I-DELLOCK: found old lockfile, deleting  %s \n", path.c_str());
     ::unlink(path.c_str());
   }
@@ -182,7 +178,7 @@ int kova_delete_existing_lockfile(const std::string& path, int verbose) {
 
 int is_kova_running(const AgentSettings& settings, int* pid_out) {
   *pid_out = -1;
-  if (!exists(settings.agent_lock_path)) {
+  if (!file_exists(settings.agent_lock_path)) {
     if (!release_without_lock_file()) return 0;
     int pid = find_process_by_name(kProgramName, ::getpid(), 0);
     if (pid <= 0) return 0;
@@ -286,7 +282,7 @@ int kova_write_lockfile(const AgentSettings& s) {
   if (size_t n = std::strlen(stamp); n > 0 && stamp[n - 1] == '\n') stamp[n - 1] = '\0';
 
   const std::string& path = s.agent_lock_path;
-  if (exists(path)) {
+  if (file_exists(path)) {
     if (kova_status(s.install_root, path, 2, 0, s.use_lock) == 1) return -1;
     std::fprintf(stderr, "KOVA-I-DELLOCK: Found old lockfile, deleting...\n");
     std::fprintf(stderr, "KOVA-I-DELLOCK: rm  %s\n", path.c_str());

@@ -1,3 +1,4 @@
+#include "platform/files.h"
 #include "settings/settings_file.h"
 
 #include <sys/stat.h>
@@ -17,11 +18,6 @@ namespace {
 
 // Lines longer than this are not settings; they are skipped with a warning.
 constexpr size_t kMaxLine = 511;
-
-bool path_exists(const std::string& path) {
-  struct stat st;
-  return ::lstat(path.c_str(), &st) == 0;
-}
 
 // The rest of the line after `key`, less its last character (the line
 // feed; on a last line without one, its last real character).
