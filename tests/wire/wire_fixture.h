@@ -1,11 +1,11 @@
-// Helpers for the suites that speak the wire protocol in-process: a
-// connected socket pair, the agent log captured in a temporary file, and
-// the wire wait replaced by a counter.
+// For the suites that speak the wire protocol in-process: a socket pair, the
+// agent log in a temporary file, and the wire wait replaced by a counter.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -23,13 +23,11 @@ struct SocketPair {
   SocketPair() {
     int fds[2];
     EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
-    agent.reset(fds[0]);
-    peer.reset(fds[1]);
+    agent.reset(fds[0]), peer.reset(fds[1]);
   }
 };
 
-// Counts the waits of the read loops and may run a step on each one (for
-// example, the peer sending more bytes); never waits.
+// Counts the waits of the read loops, running an optional step on each; never waits.
 struct WaitCounter {
   static inline int waits = 0;
   static inline void (*on_wait)(int count) = nullptr;
@@ -40,26 +38,11 @@ struct WaitCounter {
   }
 };
 
-inline std::vector<std::string> split_lines(const std::string& text) {
-  std::vector<std::string> lines;
-  size_t start = 0;
-  while (start < text.size()) {
-    size_t end = text.find('\n', start);
-    if (end == std::string::npos) end = text.size();
-    lines.push_back(text.substr(start, end - start));
-    start = end + 1;
-  }
-  return lines;
-}
-
-// The agent log in a temporary directory, the wire wait counted, the
-// protocol's sleeps skipped; all restored afterwards.
+// The agent log in a temporary directory, the wire wait counted, sleeps skipped; all restored afterwards.
 class WireTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    saved_hooks_ = wire_hooks();
-    saved_clock_ = process_clock();
-    saved_log_ = log_state().logfile;
+    saved_hooks_ = wire_hooks(), saved_clock_ = process_clock(), saved_log_ = log_state().logfile;
     wire_hooks().wait_readable = WaitCounter::wait;
     WaitCounter::waits = 0;
     WaitCounter::on_wait = nullptr;
@@ -68,31 +51,26 @@ class WireTest : public ::testing::Test {
     log_state().logfile = dir_ / "agent.log";
   }
   void TearDown() override {
-    wire_hooks() = saved_hooks_;
-    process_clock() = saved_clock_;
-    log_state().logfile = saved_log_;
+    wire_hooks() = saved_hooks_, process_clock() = saved_clock_, log_state().logfile = saved_log_;
   }
   std::string log_text() const { return file_exists(dir_ / "agent.log") ? read_file(dir_ / "agent.log") : ""; }
-  std::vector<std::string> log_lines() const { return split_lines(log_text()); }
   // Lines with this tag whose message contains `message`.
   int logged(const std::string& tag, const std::string& message) const {
-    int n = 0;
-    for (const auto& line : log_lines()) {
-      size_t at = line.find("KOVAAGENT-" + tag + ",");
-      n += at != std::string::npos && line.find(message, at) != std::string::npos ? 1 : 0;
-    }
-    return n;
+    return lines_with("KOVAAGENT-" + tag + ",", message);
   }
-  int count_in_log(const std::string& needle) const {
-    int n = 0;
-    for (const auto& line : log_lines()) n += line.find(needle) != std::string::npos ? 1 : 0;
-    return n;
-  }
+  int count_in_log(const std::string& needle) const { return lines_with(needle, ""); }
 
   static inline unsigned slept = 0;
   TempDir dir_;
 
  private:
+  int lines_with(const std::string& needle, const std::string& message) const {  // `message` after `needle`
+    std::istringstream in(log_text());
+    int n = 0;
+    for (std::string line; std::getline(in, line);)
+      n += line.find(needle) != std::string::npos && line.find(message, line.find(needle)) != std::string::npos;
+    return n;
+  }
   WireHooks saved_hooks_{};
   Clock saved_clock_{};
   std::string saved_log_;
