@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <string>
+#include <tuple>
 
 #include "support/temp_dir.h"
 
@@ -25,135 +26,74 @@ const char* const kCurrent =
     "FILESYS_EXCLUDE~tmpfs,proc\nPRIORITY~3\nAPPEND_DATA_FILES~1\nUSER~PID~99\nIMAGE_BITS~64\n"
     "CURRENT_DATA_FILE~/v/data/qdtsx_web1_2024Mar04.zud-1\n";
 
-TEST(DcLockfile, ReadsEveryFieldOfTheCurrentLayout) {
+TEST(DcLockfile, TheCurrentLayoutIsReadWholeAndOddFilesAreToldApart) {
   TempDir dir;
   write_file(dir / "lock", kCurrent);
   DcLockfile r;
   ASSERT_EQ(dc_read_lockfile(dir / "lock", r), 1);
-  // USER~ is not read; this one holds PID~, which the key order takes.
-  EXPECT_EQ(r.pid, 99);
-  EXPECT_EQ(r.version, "V10.0-001:Feb 23 2012");
-  EXPECT_EQ(r.start_time, "Mon Mar  4 10:00:00 2024");
-  EXPECT_EQ(r.end_time, "Not specified");
-  EXPECT_EQ(r.data_dir, "/v/data");
-  EXPECT_EQ(r.log_dir, "/v/logs");
+  EXPECT_EQ(std::tie(r.version, r.start_time, r.end_time, r.data_dir, r.log_dir, r.filesys_exclude),
+            std::tuple("V10.0-001:Feb 23 2012", "Mon Mar  4 10:00:00 2024", "Not specified", "/v/data", "/v/logs",
+                       "tmpfs,proc\n"));
   EXPECT_EQ(r.current_data_file, "/v/data/qdtsx_web1_2024Mar04.zud-1");
-  EXPECT_EQ(r.filesys_exclude, "tmpfs,proc\n");
-  EXPECT_EQ(r.scan_rate, 2000);
-  EXPECT_EQ(r.write_rate, 120);
-  EXPECT_EQ(r.peak_rate, 500);
-  EXPECT_EQ(r.retain, 14);
-  EXPECT_EQ(r.verbose, 2);
-  EXPECT_EQ(r.collect_cpu + r.collect_process + r.collect_net + r.collect_hba + r.collect_filesys, 5);
-  EXPECT_EQ(r.collect_disk + r.collect_memory + r.collect_nic + r.collect_lpar + r.collect_processor, 0);
-  EXPECT_EQ(r.map_disknames, 1);
-  EXPECT_EQ(r.priority, 3);
-  EXPECT_EQ(r.append_data_files, 1);
-  EXPECT_EQ(r.image_bits, 64);
+  EXPECT_EQ(std::tie(r.pid, r.scan_rate, r.write_rate, r.peak_rate, r.retain, r.verbose, r.map_disknames, r.priority,
+                     r.append_data_files, r.image_bits, r.collect_cpu, r.collect_process, r.collect_net, r.collect_hba,
+                     r.collect_filesys, r.collect_disk, r.collect_memory, r.collect_nic, r.collect_lpar,
+                     r.collect_processor),
+            std::tuple(99, 2000, 120, 500, 14, 2, 1, 3, 1, 64, 1, 1, 1, 1, 1, 0, 0, 0, 0, 0))
+      << "USER~ is not read; this one holds PID~, which the key order takes";
   EXPECT_TRUE(file_exists(dir / "lock"));
-}
 
-TEST(DcLockfile, OpenFailuresAndFilesWithoutKeys) {
-  TempDir dir;
-  DcLockfile r;
   EXPECT_EQ(dc_read_lockfile(dir / "missing", r), -1);
-
   write_file(dir / "summary", "77@a@b@/d@200000@12\n");
   EXPECT_EQ(dc_read_lockfile(dir / "summary", r), 0);
   EXPECT_FALSE(file_exists(dir / "summary")) << "a lock file without keys is removed";
-  EXPECT_EQ(dc_read_lockfile(dir / "summary", r), -1);
+  write_file(dir / "closed", kCurrent);
+  ::chmod((dir / "closed").c_str(), 0);
+  const int closed = dc_read_lockfile(dir / "closed", r);
+  EXPECT_TRUE(closed == -2 || ::geteuid() == 0) << closed << ": root may read whatever the mode";
+  EXPECT_TRUE(file_exists(dir / "closed"));
 
-  if (::geteuid() != 0) {  // root reads whatever the mode
-    write_file(dir / "closed", kCurrent);
-    ::chmod((dir / "closed").c_str(), 0);
-    EXPECT_EQ(dc_read_lockfile(dir / "closed", r), -2);
-    EXPECT_TRUE(file_exists(dir / "closed"));
+  for (auto [text, want] : {std::pair{"CURRENT_DATA_FILE~/d/one\nPID~1\nCURRENT_DATA_FILE~/d/two\n", "/d/two"},
+                            std::pair{"CURRENT_DATA_FILE~/d/three", "/d/thre"}}) {
+    write_file(dir / "data", text);
+    std::string out;
+    EXPECT_EQ(dc_get_filename_from_lockfile(dir / "data", out), 1);
+    EXPECT_EQ(out, want) << "the current data file is the last one named, less its last character";
   }
 }
 
-TEST(DcLockfile, CurrentDataFileIsTheLastOne) {
+TEST(DcLockfile, GenerationsAreToldApartByTheirLockFilesOrPrograms) {
   TempDir dir;
-  std::string out = "untouched";
-  EXPECT_EQ(dc_get_filename_from_lockfile(dir / "missing", out), 0);
-  write_file(dir / "none", "PID~1\n");
-  EXPECT_EQ(dc_get_filename_from_lockfile(dir / "none", out), 0);
-  EXPECT_EQ(out, "untouched");
-
-  write_file(dir / "two", "CURRENT_DATA_FILE~/d/one\nPID~1\nCURRENT_DATA_FILE~/d/two\n");
-  EXPECT_EQ(dc_get_filename_from_lockfile(dir / "two", out), 1);
-  EXPECT_EQ(out, "/d/two");
-
-  write_file(dir / "cut", "CURRENT_DATA_FILE~/d/three");
-  EXPECT_EQ(dc_get_filename_from_lockfile(dir / "cut", out), 1);
-  EXPECT_EQ(out, "/d/thre");
-}
-
-TEST(DcLockfile, GenerationsAreToldApart) {
-  TempDir dir;
-  test::make_dirs(dir / "qdt");
-  test::make_dirs(dir / "bin");
-  const DcLegacyPaths legacy{dir / "qdt", dir / "bin"};
+  const DcLegacyPaths legacy{dir.path(), dir.path()};
   DcLockfile r;
   DcVersion v;
-
-  write_file(dir / "lock", kCurrent);
-  EXPECT_EQ(kova_read_dc_lockfile(dir / "lock", r, v, legacy), 1);
-  EXPECT_EQ(v.number, 5);
-  EXPECT_EQ(v.text, "V10.0-001:Feb 23 2012");
-
-  // Only the summary line: its fields count, scaling and all, although the
-  // current reader removes the file on the way.
   write_file(dir / "lock", "77@Mon Mar  4 10:00:00 2024@Not specified@/old/data@200000@12\n");
-  r = {};
   EXPECT_EQ(kova_read_dc_lockfile(dir / "lock", r, v, legacy), 1);
-  EXPECT_EQ(v.number, 4);
-  EXPECT_EQ(v.text, "V4.0");
-  EXPECT_EQ(r.pid, 77);
-  EXPECT_EQ(r.start_time, "Mon Mar  4 10:00:00 2024");
-  EXPECT_EQ(r.end_time, "Not specified");
-  EXPECT_EQ(r.data_dir, "/old/data");
-  EXPECT_EQ(r.scan_rate, 200000);
-  EXPECT_EQ(r.write_rate, 12);
-  EXPECT_FALSE(file_exists(dir / "lock"));
+  EXPECT_EQ(std::tie(v.number, v.text), std::tuple(4, "V4.0"));
+  EXPECT_EQ(std::tie(r.pid, r.start_time, r.end_time, r.data_dir, r.scan_rate, r.write_rate),
+            std::tuple(77, "Mon Mar  4 10:00:00 2024", "Not specified", "/old/data", 200000, 12));
+  EXPECT_FALSE(file_exists(dir / "lock")) << "a summary's fields count, although the current reader removes the file";
 
-  // The oldest generation's file is opened, but its lines are looked for in
-  // the given path, which is not there.
-  write_file(dir / "qdt/lockfile.zud", "pid 12\n");
-  EXPECT_EQ(kova_read_dc_lockfile(dir / "lock", r, v, legacy), 0);
-  EXPECT_EQ(v.number, 5);
-  EXPECT_EQ(v.text, "Unknown");
-  write_file(dir / "qdt/lockfile.zud", "12@s@e@/q@1@2\n");
+  write_file(dir / "lockfile.zud", "pid 12\n");
+  EXPECT_EQ(kova_read_dc_lockfile(dir / "lock", r, v, legacy), 0)
+      << "the oldest generation's file is opened, but its lines are looked for in the given path";
+  EXPECT_EQ(std::tie(v.number, v.text), std::tuple(5, "Unknown"));
+  write_file(dir / "lockfile.zud", "12@s@e@/q@1@2\n");
   EXPECT_EQ(kova_read_dc_lockfile(dir / "lock", r, v, legacy), 1);
-  EXPECT_EQ(v.number, 4);
-  EXPECT_EQ(r.pid, 12);
+  EXPECT_EQ(std::tie(v.number, r.pid), std::tuple(4, 12));
 
-  write_file(dir / "empty", "");
-  EXPECT_EQ(kova_read_dc_lockfile(dir / "empty", r, v, legacy), 0);
-}
-
-TEST(DcLockfile, VersionFromInstalledProgramsWithoutALockFile) {
-  TempDir dir;
-  test::make_dirs(dir / "bin");
-  const DcLegacyPaths legacy{dir / "qdt", dir / "bin"};
+  // Without a usable lock file the installed programs tell the generation; with one, its version.
+  ::unlink((dir / "lockfile.zud").c_str());
   AgentSettings settings;
   settings.collector_lock_path = dir / "lock";
-  DcVersion v;
-
-  EXPECT_EQ(kova_determine_dc_version(settings, v, legacy), 0);
-  EXPECT_EQ(v.number, 0);
-  EXPECT_EQ(v.text, "Unknown");
-  write_file(dir / "bin/zudunix", "");
-  EXPECT_EQ(kova_determine_dc_version(settings, v, legacy), 0);
-  EXPECT_EQ(v.number, 4);
-  EXPECT_EQ(v.text, "vORN Monitor 4.0n");
-  write_file(dir / "bin/vorn_monitor", "");
-  EXPECT_EQ(kova_determine_dc_version(settings, v, legacy), 0);
-  EXPECT_EQ(v.number, 5);
-  EXPECT_EQ(v.text, "vORN Monitor 5.0");
-
-  write_file(dir / "lock", kCurrent);
-  EXPECT_EQ(kova_determine_dc_version(settings, v, legacy), 1);
-  EXPECT_EQ(v.text, "V10.0-001:Feb 23 2012");
+  const std::tuple<const char*, int, int, const char*> steps[] = {
+      {nullptr, 0, 0, "Unknown"}, {"zudunix", 0, 4, "vORN Monitor 4.0n"},
+      {"vorn_monitor", 0, 5, "vORN Monitor 5.0"}, {"lock", 1, 5, "V10.0-001:Feb 23 2012"}};
+  for (const auto& [file, result, number, text] : steps) {
+    if (file != nullptr) write_file(dir / file, std::string(file) == "lock" ? kCurrent : "");
+    EXPECT_EQ(kova_determine_dc_version(settings, v, legacy), result) << text;
+    EXPECT_EQ(std::tie(v.number, v.text), std::tuple(number, text));
+  }
 }
 
 }  // namespace
