@@ -1,6 +1,9 @@
 #include "delivery/file_transfer.h"
 
 #include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -19,24 +22,11 @@
 namespace kova {
 namespace {
 
-// Blocks moved per system call. The stream carries no per-block framing,
-// so the block size only fixes the header and the numbers in log lines.
+// Blocks moved per system call where the file is copied by hand. The
+// stream carries no per-block framing, so the block size only fixes the
+// header and the numbers in log lines.
 constexpr int64_t kBlocksPerChunk = 128;
-
-// Reads up to n bytes, going on after short reads; returns the bytes read,
-// fewer only at end of file or on an error (then `error` holds errno).
-int64_t read_full(int fd, unsigned char* data, int64_t n, int& error) {
-  int64_t got = 0;
-  error = 0;
-  while (got < n) {
-    ssize_t k = ::read(fd, data + got, static_cast<size_t>(n - got));
-    if (k < 0 && errno == EINTR) continue;
-    if (k < 0) error = errno;
-    if (k <= 0) break;
-    got += k;
-  }
-  return got;
-}
+constexpr int64_t kCopyChunk = kTransferBlockSize * kBlocksPerChunk;
 
 bool write_full(int fd, const unsigned char* data, int64_t n) {
   int64_t done = 0;
@@ -58,7 +48,72 @@ void send_header(int socket, PacketBuffer& buffer, int64_t blocks, int64_t last)
     write_to_log("E-SENDFILE", "Error returning header packet...");
 }
 
+// Holds SIGPIPE back for its lifetime, so that sendfile(2) to a peer that
+// went away fails with EPIPE instead of ending the request process; a
+// SIGPIPE raised meanwhile is taken off the pending set before the old mask
+// returns.
+class SigpipeHeld {
+ public:
+  SigpipeHeld() {
+    sigemptyset(&pipe_);
+    sigaddset(&pipe_, SIGPIPE);
+    ::pthread_sigmask(SIG_BLOCK, &pipe_, &saved_);
+  }
+  ~SigpipeHeld() {
+    const timespec none{0, 0};
+    while (::sigtimedwait(&pipe_, nullptr, &none) > 0) {
+    }
+    ::pthread_sigmask(SIG_SETMASK, &saved_, nullptr);
+  }
+  SigpipeHeld(const SigpipeHeld&) = delete;
+  SigpipeHeld& operator=(const SigpipeHeld&) = delete;
+
+ private:
+  sigset_t pipe_, saved_;
+};
+
 }  // namespace
+
+int send_file_bytes(int socket, int fd, int64_t size, int64_t& sent, int& error) {
+  sent = 0;
+  error = 0;
+  {
+    SigpipeHeld held;
+    off_t offset = 0;
+    while (sent < size) {
+      const size_t want = static_cast<size_t>(std::min<int64_t>(size - sent, int64_t{1} << 30));
+      const ssize_t n = ::sendfile(socket, fd, &offset, want);
+      if (n > 0) {
+        sent += n;
+        continue;
+      }
+      if (n < 0 && errno == EINTR) continue;
+      if (n == 0) return kTransferReadFailed;  // the file is shorter than announced
+      if (errno == EINVAL || errno == ENOSYS) break;  // not for this file: copy it below
+      error = errno;
+      log_printf("E-WRITE", "write to socket failed %s\n", std::strerror(error));
+      return kTransferSendFailed;
+    }
+  }
+  std::vector<unsigned char> chunk(sent < size ? kCopyChunk : 0);
+  while (sent < size) {
+    const ssize_t got =
+        ::pread(fd, chunk.data(), static_cast<size_t>(std::min<int64_t>(kCopyChunk, size - sent)), sent);
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) {
+      error = got < 0 ? errno : 0;
+      return kTransferReadFailed;
+    }
+    size_t written = 0;
+    if (Socket_writen_counted(socket, chunk.data(), static_cast<size_t>(got), written) != got) {
+      error = errno;
+      sent += static_cast<int64_t>(written);
+      return kTransferSendFailed;
+    }
+    sent += got;
+  }
+  return kTransferOk;
+}
 
 int send_ascii_file(int socket, const AgentSettings& settings, const std::string& path, PacketBuffer& buffer,
                     int block_size) {
@@ -85,44 +140,31 @@ int send_ascii_file(int socket, const AgentSettings& settings, const std::string
                static_cast<long long>(last));
   send_header(socket, buffer, blocks, last);
 
-  const int fd = ::fileno(file.get());
-  std::vector<unsigned char> chunk(static_cast<size_t>(block * kBlocksPerChunk));
-  const int64_t full_end = blocks * block;
   int64_t sent = 0;
-  while (sent < size) {
-    const int64_t want = std::min<int64_t>(static_cast<int64_t>(chunk.size()), size - sent);
-    int error = 0;
-    const int64_t got = read_full(fd, chunk.data(), want, error);
-    // On a short read the whole blocks before it still go out, as they would
-    // one block at a time; a partial last block is never sent.
-    const int64_t usable = got == want ? got : std::max<int64_t>(0, std::min(full_end, (sent + got) / block * block) - sent);
-
-    size_t written = 0;
-    if (usable > 0 && Socket_writen_counted(socket, chunk.data(), static_cast<size_t>(usable), written) != usable) {
-      const int64_t at = sent + static_cast<int64_t>(written);
-      const int64_t failed_block = at / block + 1;
-      if (failed_block <= blocks)
-        log_printf("E-SEND", "Error sending packet %lld of %lld,  %lld of %d bytes, (sent %lld)",
-                   static_cast<long long>(failed_block), static_cast<long long>(blocks),
-                   static_cast<long long>(at % block), static_cast<int>(block),
-                   static_cast<long long>((failed_block - 1) * block));
-      else
-        log_printf("E-SEND", "Error sending last packet %lld,  %lld of %d bytes, sent %lld bytes",
-                   static_cast<long long>(blocks), static_cast<long long>(at - full_end), static_cast<int>(block),
-                   static_cast<long long>(full_end));
-      return kTransferSendFailed;
-    }
-    sent += usable;
-
-    if (got != want) {
-      const char* reason = error != 0 ? std::strerror(error) : "unexpected end of file";
-      if (sent < full_end)
-        log_printf("E-READ", "File read error on block %lld,  %s,  %s", static_cast<long long>(sent / block + 1),
-                   path.c_str(), reason);
-      else
-        log_printf("E-READ", "Error reading file last packet, %s , %s", path.c_str(), reason);
-      return kTransferReadFailed;
-    }
+  int error = 0;
+  const int result = send_file_bytes(socket, ::fileno(file.get()), size, sent, error);
+  const int64_t full_end = blocks * block;
+  if (result == kTransferSendFailed) {
+    const int64_t failed_block = sent / block + 1;
+    if (sent < full_end)
+      log_printf("E-SEND", "Error sending packet %lld of %lld,  %lld of %d bytes, (sent %lld)",
+                 static_cast<long long>(failed_block), static_cast<long long>(blocks),
+                 static_cast<long long>(sent % block), static_cast<int>(block),
+                 static_cast<long long>((failed_block - 1) * block));
+    else
+      log_printf("E-SEND", "Error sending last packet %lld,  %lld of %d bytes, sent %lld bytes",
+                 static_cast<long long>(blocks), static_cast<long long>(sent - full_end), static_cast<int>(block),
+                 static_cast<long long>(full_end));
+    return kTransferSendFailed;
+  }
+  if (result == kTransferReadFailed) {
+    const char* reason = error != 0 ? std::strerror(error) : "unexpected end of file";
+    if (sent < full_end)
+      log_printf("E-READ", "File read error on block %lld,  %s,  %s", static_cast<long long>(sent / block + 1),
+                 path.c_str(), reason);
+    else
+      log_printf("E-READ", "Error reading file last packet, %s , %s", path.c_str(), reason);
+    return kTransferReadFailed;
   }
   file.reset();
   log_printf("I-SENT", "File (%s) transfered. (%lld of %lld bytes)", path.c_str(), static_cast<long long>(sent),

@@ -33,6 +33,14 @@ enum TransferResult : int {
 [[nodiscard]] int send_ascii_file(int socket, const AgentSettings& settings, const std::string& path,
                                   PacketBuffer& buffer, int block_size);
 
+// Sends the first `size` bytes of the open file `fd` to `socket`, from the
+// file's start, with sendfile(2) where the kernel can and large reads and
+// writes where it cannot. `sent` receives the bytes that went out. Returns
+// kTransferOk; kTransferSendFailed when the socket failed ("E-WRITE" is
+// logged); kTransferReadFailed when the file could not be read or ended
+// early. `error` receives errno of the failure (0 for an early end).
+[[nodiscard]] int send_file_bytes(int socket, int fd, int64_t size, int64_t& sent, int& error);
+
 // Receives a file into `path` (truncated). With send_ack == 1 first sends
 // the 10-byte acknowledgement for ack_code. `peer` is only logged; `spare`
 // is not used. A transfer cut short leaves the blocks received so far in

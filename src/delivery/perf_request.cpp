@@ -89,51 +89,28 @@ int check_memory_file(const AgentSettings& settings) {
 
 bool write_all(int fd, const void* data, size_t n) { return Socket_writen(fd, data, n) == static_cast<ssize_t>(n); }
 
-// Streams `size` bytes of `file` as the raw transfer's blocks. The bytes go
-// unframed, so they move in large pieces; block numbers in the log lines
-// are computed from the position reached.
+// Streams the raw transfer's blocks of one file; the log lines name the
+// block loop or the last block by where the transfer stopped.
 int send_raw_bytes(int socket, int file, int64_t size) {
-  const int64_t block = kTransferBlockSize;
-  const int64_t blocks = size / block;
-  const int64_t full_end = blocks * block;
-  std::vector<unsigned char> chunk(static_cast<size_t>(block * 128));
+  const int64_t full_end = size / kTransferBlockSize * kTransferBlockSize;
   int64_t sent = 0;
-  while (sent < size) {
-    // A piece never straddles the last partial block, so that a failure is
-    // reported as the block loop or the last write, as it happened.
-    const int64_t limit = sent < full_end ? full_end : size;
-    const int64_t want = std::min<int64_t>(static_cast<int64_t>(chunk.size()), limit - sent);
-    int64_t got = 0;
-    while (got < want) {
-      ssize_t k = ::read(file, chunk.data() + got, static_cast<size_t>(want - got));
-      if (k < 0 && errno == EINTR) continue;
-      if (k <= 0) {
-        if (k == 0) errno = EIO;  // the file shrank under us
-        break;
-      }
-      got += k;
-    }
-    if (got != want) {
-      if (sent < full_end)
-        log_printf("E-READ", "File read error : %s", std::strerror(errno));
-      else
-        log_printf("E-READ", "file read error:  %s", std::strerror(errno));
-      return kTransferReadFailed;
-    }
-    size_t written = 0;
-    if (Socket_writen_counted(socket, chunk.data(), static_cast<size_t>(want), written) != want) {
-      const int err = errno;
-      if (sent < full_end)
-        log_printf("E-SEND-RAW", "Error sending packet %lld of %lld: %s",
-                   static_cast<long long>((sent + static_cast<int64_t>(written)) / block + 1),
-                   static_cast<long long>(blocks), std::strerror(err));
-      else
-        log_printf("E-SEND", "Error sending packets: %s", std::strerror(err));
-      return kTransferSendFailed;
-    }
-    sent += want;
+  int error = 0;
+  const int result = send_file_bytes(socket, file, size, sent, error);
+  const char* reason = std::strerror(error != 0 ? error : EIO);  // EIO: the file shrank under us
+  if (result == kTransferReadFailed) {
+    if (sent < full_end)
+      log_printf("E-READ", "File read error : %s", reason);
+    else
+      log_printf("E-READ", "file read error:  %s", reason);
+  } else if (result == kTransferSendFailed) {
+    if (sent < full_end)
+      log_printf("E-SEND-RAW", "Error sending packet %lld of %lld: %s",
+                 static_cast<long long>(sent / kTransferBlockSize + 1),
+                 static_cast<long long>(size / kTransferBlockSize), reason);
+    else
+      log_printf("E-SEND", "Error sending packets: %s", reason);
   }
-  return kTransferOk;
+  return result;
 }
 
 }  // namespace

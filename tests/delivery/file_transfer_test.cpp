@@ -1,10 +1,12 @@
 #include "delivery/file_transfer.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <string>
 
+#include "platform/unique.h"
 #include "wire/wire_fixture.h"
 
 namespace kova {
@@ -84,6 +86,20 @@ TEST_F(FileTransfer, SendFailuresMissingFileOrClosedPeer) {
     EXPECT_EQ(logged("E-SEND", c.line), 1) << c.line;
   }
   EXPECT_EQ(logged("E-SENDFILE", "Error returning header packet..."), 2);
+}
+
+// A work file shorter than its header announced: what there was goes out,
+// and the log names the block where the file ran out.
+TEST_F(FileTransfer, AFileShorterThanAnnouncedIsAReadFailure) {
+  test::write_file(dir_ / "short", pattern(522 * 2 + 5));
+  UniqueFd fd(::open((dir_ / "short").c_str(), O_RDONLY | O_CLOEXEC));
+  SocketPair pair;
+  int64_t sent = -1;
+  int error = -1;
+  EXPECT_EQ(send_file_bytes(pair.agent.get(), fd.get(), 522 * 3, sent, error), kTransferReadFailed);
+  EXPECT_EQ(sent, 522 * 2 + 5);
+  EXPECT_EQ(error, 0);
+  EXPECT_EQ(drain(pair), pattern(522 * 2 + 5));
 }
 
 TEST_F(FileTransfer, ReceiveCutMidFileKeepsTheWholeBlocksAndRefusesAFileItCannotOpen) {
