@@ -9,7 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "components/command.h"
+#include "platform/process.h"
 #include "components/findproc.h"
 #include "core/clock.h"
 #include "core/log.h"

@@ -1,4 +1,3 @@
-#include "platform/files.h"
 #include "components/dc_lockfile.h"
 
 #include <sys/stat.h>
@@ -11,6 +10,7 @@
 #include <vector>
 
 #include "components/keyfile.h"
+#include "platform/files.h"
 #include "platform/unique.h"
 
 namespace kova {

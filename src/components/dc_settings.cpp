@@ -1,4 +1,3 @@
-#include "platform/files.h"
 #include "components/dc_settings.h"
 
 #include <sys/stat.h>
@@ -15,6 +14,7 @@
 
 #include "components/keyfile.h"
 #include "core/clock.h"
+#include "platform/files.h"
 #include "platform/unique.h"
 #include "settings/command_line.h"
 

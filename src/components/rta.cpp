@@ -1,4 +1,3 @@
-#include "platform/files.h"
 #include "components/rta.h"
 
 #include <sys/stat.h>
@@ -11,13 +10,14 @@
 #include <string_view>
 #include <vector>
 
-#include "components/command.h"
 #include "components/dc_settings.h"
 #include "components/findproc.h"
 #include "components/keyfile.h"
 #include "core/clock.h"
 #include "core/log.h"
 #include "core/shell.h"
+#include "platform/files.h"
+#include "platform/process.h"
 #include "platform/unique.h"
 #include "settings/command_line.h"
 #include "wire/status.h"

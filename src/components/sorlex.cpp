@@ -1,4 +1,3 @@
-#include "platform/files.h"
 #include "components/sorlex.h"
 
 #include <sys/stat.h>
@@ -6,11 +5,12 @@
 
 #include <filesystem>
 
-#include "components/command.h"
 #include "components/findproc.h"
 #include "core/clock.h"
 #include "core/log.h"
 #include "core/shell.h"
+#include "platform/files.h"
+#include "platform/process.h"
 #include "wire/status.h"
 
 namespace kova {

@@ -8,13 +8,13 @@
 #include <cstdio>
 #include <string>
 
+#include "platform/process.h"
 #include "settings/agent_settings.h"
 #include "wire/packet.h"
 
 namespace kova {
 
 inline constexpr int kTransferBlockSize = 522;
-inline constexpr size_t kCommandOutputMax = 1024;
 
 // Result codes of send_ascii_file and receive_ascii_file.
 enum TransferResult : int {

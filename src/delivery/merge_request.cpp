@@ -1,4 +1,3 @@
-#include "platform/files.h"
 #include "delivery/merge_request.h"
 
 #include <sys/stat.h>
@@ -11,6 +10,8 @@
 #include "core/clock.h"
 #include "core/log.h"
 #include "delivery/file_transfer.h"
+#include "platform/files.h"
+#include "platform/process.h"
 #include "delivery/perf_request.h"
 #include "wire/status.h"
 

@@ -1,4 +1,3 @@
-#include "platform/files.h"
 #include "delivery/perf_request.h"
 
 #include <dirent.h>
@@ -16,10 +15,12 @@
 #include <span>
 
 #include "components/collector.h"
-#include "components/command.h"
+#include "platform/process.h"
 #include "core/clock.h"
 #include "core/log.h"
 #include "delivery/file_transfer.h"
+#include "platform/files.h"
+#include "platform/process.h"
 #include "housekeeping/purge.h"
 #include "platform/unique.h"
 #include "wire/request.h"
@@ -414,91 +415,6 @@ int send_zud_files_unix(int socket, const AgentSettings& settings, const std::st
     return kTransferSendFailed;
   }
   return kResultOk;
-}
-
-// ---- external programs
-
-std::string command_text(const std::vector<std::string>& argv) {
-  std::string text;
-  for (const std::string& arg : argv) {
-    if (!text.empty()) text += ' ';
-    text += arg;
-  }
-  return text;
-}
-
-int run_program(const std::vector<std::string>& argv, std::string& output) {
-  output.clear();
-  if (argv.empty()) return 0;
-  // Everything the child needs is ready before fork: it may not allocate.
-  std::vector<char*> args;
-  for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
-  args.push_back(nullptr);
-
-  // Descriptors the child rearranges are moved above 9 first, so that none
-  // of them can be clobbered by dup2 onto 0, 1 or 3.
-  auto high = [](int fd) {
-    if (fd < 0) return UniqueFd();
-    UniqueFd moved(::fcntl(fd, F_DUPFD_CLOEXEC, 10));
-    ::close(fd);
-    return moved;
-  };
-  int out_pipe[2], exec_pipe[2];
-  if (::pipe2(out_pipe, O_CLOEXEC) != 0) return 0;
-  UniqueFd out_read(high(out_pipe[0])), out_write(high(out_pipe[1]));
-  if (::pipe2(exec_pipe, O_CLOEXEC) != 0) return 0;
-  UniqueFd exec_read(high(exec_pipe[0])), exec_write(high(exec_pipe[1]));
-  UniqueFd null_in(high(::open("/dev/null", O_RDONLY | O_CLOEXEC)));
-  if (!out_read || !out_write || !exec_read || !exec_write || !null_in) return 0;
-  const long open_max = ::sysconf(_SC_OPEN_MAX);
-  const int fd_limit = open_max > 0 && open_max < 65536 ? static_cast<int>(open_max) : 65536;
-
-  const pid_t pid = ::fork();
-  if (pid < 0) return 0;
-  if (pid == 0) {
-    // ---- child
-    for (int sig = 1; sig < NSIG; ++sig) (void)std::signal(sig, SIG_DFL);
-    sigset_t none;
-    sigemptyset(&none);
-    (void)::sigprocmask(SIG_SETMASK, &none, nullptr);
-    // The connection and the listening socket must not live on in the
-    // tool; descriptor 3 carries an exec failure back and closes on exec.
-    if (::dup2(null_in.get(), 0) < 0 || ::dup2(out_write.get(), 1) < 0 ||
-        ::dup3(exec_write.get(), 3, O_CLOEXEC) < 0)
-      ::_exit(127);
-    if (::close_range(4, ~0U, 0) != 0)
-      for (int fd = 4; fd < fd_limit; ++fd) (void)::close(fd);
-    ::execv(args[0], args.data());
-    const int err = errno;
-    (void)!::write(3, &err, sizeof err);
-    ::_exit(127);
-  }
-  // ---- parent
-  ChildProcess child(pid);
-  out_write.reset();
-  exec_write.reset();
-  null_in.reset();
-
-  int exec_error = 0;
-  ssize_t n;
-  while ((n = ::read(exec_read.get(), &exec_error, sizeof exec_error)) < 0 && errno == EINTR) {
-  }
-  if (n == static_cast<ssize_t>(sizeof exec_error)) {
-    errno = exec_error;
-    return 0;
-  }
-  // Read to the end even past what is kept: the tool must not die of a
-  // full pipe before it has written its file.
-  char piece[4096];
-  for (;;) {
-    ssize_t k = ::read(out_read.get(), piece, sizeof piece);
-    if (k < 0 && errno == EINTR) continue;
-    if (k <= 0) break;
-    const size_t room = kCommandOutputMax - std::min(output.size(), kCommandOutputMax);
-    output.append(piece, std::min(static_cast<size_t>(k), room));
-  }
-  (void)child.wait();
-  return 1;
 }
 
 }  // namespace kova

@@ -120,18 +120,4 @@ void purge_fetched_data_files(const AgentSettings& settings, int age);
 [[nodiscard]] int send_zud_files_unix(int socket, const AgentSettings& settings, const std::string& pattern,
                                       int mode);
 
-// ---- external programs
-
-// Runs argv[0] with the arguments that follow, without a shell: standard
-// input from /dev/null, standard output captured (up to kCommandOutputMax
-// bytes into `output`, the rest read and dropped), standard error
-// inherited, no other descriptor. Waits for the program to end. Returns 1
-// when it was started (its exit status is not examined), 0 when fork or
-// exec failed.
-[[nodiscard]] int run_program(const std::vector<std::string>& argv, std::string& output);
-
-// argv joined by blanks, as the command line reads in the log. No shell
-// ever sees it: the program is started from the argument vector itself.
-std::string command_text(const std::vector<std::string>& argv);
-
 }  // namespace kova

@@ -1,4 +1,3 @@
-#include "platform/files.h"
 #include "housekeeping/getconfig.h"
 
 #include <sys/stat.h>
@@ -13,6 +12,7 @@
 #include "core/shell.h"
 #include "core/version.h"
 #include "delivery/file_transfer.h"
+#include "platform/files.h"
 #include "platform/system_facts.h"
 #include "platform/unique.h"
 

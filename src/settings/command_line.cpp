@@ -1,4 +1,3 @@
-#include "platform/files.h"
 #include "settings/command_line.h"
 
 #include <grp.h>
@@ -14,6 +13,7 @@
 #include <memory>
 
 #include "core/version.h"
+#include "platform/files.h"
 
 namespace kova {
 namespace {

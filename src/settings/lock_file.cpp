@@ -1,4 +1,3 @@
-#include "platform/files.h"
 #include "settings/lock_file.h"
 
 #include <fcntl.h>
@@ -19,6 +18,7 @@
 #include "core/clock.h"
 #include "core/log.h"
 #include "core/version.h"
+#include "platform/files.h"
 #include "platform/unique.h"
 #include "settings/command_line.h"
 

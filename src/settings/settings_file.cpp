@@ -1,4 +1,3 @@
-#include "platform/files.h"
 #include "settings/settings_file.h"
 
 #include <sys/stat.h>
@@ -10,6 +9,7 @@
 #include <string>
 #include <string_view>
 
+#include "platform/files.h"
 #include "platform/unique.h"
 #include "settings/command_line.h"
 

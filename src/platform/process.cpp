@@ -1,0 +1,152 @@
+#include "platform/process.h"
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+
+#include "platform/unique.h"
+
+namespace kova {
+namespace {
+
+// The descriptor limit for closing by hand where close_range(2) is missing;
+// read before fork, since the child may not allocate.
+int descriptor_limit() {
+  const long open_max = ::sysconf(_SC_OPEN_MAX);
+  return open_max > 0 && open_max < 65536 ? static_cast<int>(open_max) : 65536;
+}
+
+// In the child between fork and exec: default signal handling, nothing
+// blocked, and every descriptor from `first` on closed. Async-signal-safe.
+void reset_child(int first, int fd_limit) {
+  for (int sig = 1; sig < NSIG; ++sig) (void)std::signal(sig, SIG_DFL);
+  sigset_t none;
+  sigemptyset(&none);
+  (void)::sigprocmask(SIG_SETMASK, &none, nullptr);
+  if (::close_range(static_cast<unsigned>(first), ~0U, 0) != 0)
+    for (int fd = first; fd < fd_limit; ++fd) (void)::close(fd);
+}
+
+// Moves a descriptor above 9, so that none the child rearranges can be
+// clobbered by dup2 onto 0, 1 or 3.
+UniqueFd moved_high(int fd) {
+  if (fd < 0) return UniqueFd();
+  UniqueFd moved(::fcntl(fd, F_DUPFD_CLOEXEC, 10));
+  ::close(fd);
+  return moved;
+}
+
+}  // namespace
+
+ChildProcess& ChildProcess::operator=(ChildProcess&& other) noexcept {
+  if (this != &other) {
+    (void)wait();
+    pid_ = other.pid_;
+    other.pid_ = -1;
+  }
+  return *this;
+}
+
+int ChildProcess::wait() {
+  if (pid_ < 0) return -1;
+  int status = 0;
+  pid_t r;
+  while ((r = ::waitpid(pid_, &status, 0)) == -1 && errno == EINTR) {
+  }
+  pid_ = -1;
+  // With SIGCHLD ignored waitpid returns ECHILD, but only once the child
+  // has gone; the caller has still waited for it.
+  return r == -1 ? -1 : status;
+}
+
+int run_shell_command(const std::string& command_line) {
+  // Everything the child needs is ready before fork: it may not allocate.
+  const char* argv[] = {"sh", "-c", command_line.c_str(), nullptr};
+  const int fd_limit = descriptor_limit();
+
+  const pid_t pid = ::fork();
+  if (pid < 0) return -1;
+  if (pid == 0) {
+    // ---- child: a collector runs for months; the listening socket and the
+    // log must not live on in it.
+    reset_child(3, fd_limit);
+    ::execv("/bin/sh", const_cast<char* const*>(argv));
+    ::_exit(127);
+  }
+  // ---- parent
+  ChildProcess child(pid);
+  return child.wait();
+}
+
+int run_program(const std::vector<std::string>& argv, std::string& output) {
+  output.clear();
+  if (argv.empty()) return 0;
+  std::vector<char*> args;
+  for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
+  args.push_back(nullptr);
+
+  int out_pipe[2], exec_pipe[2];
+  if (::pipe2(out_pipe, O_CLOEXEC) != 0) return 0;
+  UniqueFd out_read(moved_high(out_pipe[0])), out_write(moved_high(out_pipe[1]));
+  if (::pipe2(exec_pipe, O_CLOEXEC) != 0) return 0;
+  UniqueFd exec_read(moved_high(exec_pipe[0])), exec_write(moved_high(exec_pipe[1]));
+  UniqueFd null_in(moved_high(::open("/dev/null", O_RDONLY | O_CLOEXEC)));
+  if (!out_read || !out_write || !exec_read || !exec_write || !null_in) return 0;
+  const int fd_limit = descriptor_limit();
+
+  const pid_t pid = ::fork();
+  if (pid < 0) return 0;
+  if (pid == 0) {
+    // ---- child: descriptor 3 carries an exec failure back and closes on
+    // exec.
+    if (::dup2(null_in.get(), 0) < 0 || ::dup2(out_write.get(), 1) < 0 ||
+        ::dup3(exec_write.get(), 3, O_CLOEXEC) < 0)
+      ::_exit(127);
+    reset_child(4, fd_limit);
+    ::execv(args[0], args.data());
+    const int err = errno;
+    (void)!::write(3, &err, sizeof err);
+    ::_exit(127);
+  }
+  // ---- parent
+  ChildProcess child(pid);
+  out_write.reset();
+  exec_write.reset();
+  null_in.reset();
+
+  int exec_error = 0;
+  ssize_t n;
+  while ((n = ::read(exec_read.get(), &exec_error, sizeof exec_error)) < 0 && errno == EINTR) {
+  }
+  if (n == static_cast<ssize_t>(sizeof exec_error)) {
+    errno = exec_error;
+    return 0;
+  }
+  // Read to the end even past what is kept: the tool must not die of a
+  // full pipe before it has written its file.
+  char piece[4096];
+  for (;;) {
+    const ssize_t k = ::read(out_read.get(), piece, sizeof piece);
+    if (k < 0 && errno == EINTR) continue;
+    if (k <= 0) break;
+    const size_t room = kCommandOutputMax - std::min(output.size(), kCommandOutputMax);
+    output.append(piece, std::min(static_cast<size_t>(k), room));
+  }
+  (void)child.wait();
+  return 1;
+}
+
+std::string command_text(const std::vector<std::string>& argv) {
+  std::string text;
+  for (const std::string& arg : argv) {
+    if (!text.empty()) text += ' ';
+    text += arg;
+  }
+  return text;
+}
+
+}  // namespace kova

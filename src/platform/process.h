@@ -1,0 +1,57 @@
+// Starting other programs: the controlled components through a shell
+// command line, the data tools from an argument vector. Either way the
+// child starts with default signal handling and none of this process's
+// descriptors beyond the ones it is given, so no program holds a server's
+// connection or the listening port.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace kova {
+
+// A child process this process started; the destructor waits for it, so no
+// child outlives its owner as a zombie.
+class ChildProcess {
+ public:
+  ChildProcess() = default;
+  explicit ChildProcess(pid_t pid) : pid_(pid) {}
+  ChildProcess(ChildProcess&& other) noexcept : pid_(other.pid_) { other.pid_ = -1; }
+  ChildProcess& operator=(ChildProcess&& other) noexcept;
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
+  ~ChildProcess() { (void)wait(); }
+
+  pid_t pid() const { return pid_; }
+  // Waits for the child; returns its wait status, or -1 when there is no
+  // child or its status is not ours to collect (SIGCHLD ignored).
+  int wait();
+
+ private:
+  pid_t pid_ = -1;
+};
+
+// Runs `command_line` with "/bin/sh -c", as system(3) does: the caller has
+// quoted every value in it. Only descriptors 0-2 are inherited. Returns the
+// shell's wait status, or -1 when it could not be started or its status
+// cannot be collected; callers decide by a status check afterwards.
+int run_shell_command(const std::string& command_line);
+
+// The most of a program's standard output that run_program keeps.
+inline constexpr size_t kCommandOutputMax = 1024;
+
+// Runs argv[0] with the arguments that follow, without a shell: standard
+// input from /dev/null, standard output captured (up to kCommandOutputMax
+// bytes into `output`, the rest read and dropped), standard error
+// inherited. Waits for the program to end. Returns 1 when it was started
+// (its exit status is not examined), 0 when fork or exec failed.
+[[nodiscard]] int run_program(const std::vector<std::string>& argv, std::string& output);
+
+// argv joined by blanks, as the command line reads in the log. No shell
+// ever sees it: the program is started from the argument vector itself.
+std::string command_text(const std::vector<std::string>& argv);
+
+}  // namespace kova
