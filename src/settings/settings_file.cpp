@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -20,9 +21,10 @@ namespace {
 constexpr size_t kMaxLine = 511;
 
 // The rest of the line after `key`, less its last character (the line
-// feed; on a last line without one, its last real character).
+// feed; on a last line without one, its last real character). Empty when
+// the line ends before `key_end`.
 std::string value_after(std::string_view line, size_t key_end) {
-  std::string_view rest = line.substr(key_end);
+  std::string_view rest = line.substr(std::min(key_end, line.size()));
   if (!rest.empty()) rest.remove_suffix(1);
   return std::string(rest);
 }

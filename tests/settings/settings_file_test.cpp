@@ -93,6 +93,9 @@ TEST_F(SettingsFile, ValueQuirksAreKept) {
   EXPECT_EQ(s.check_growth, 1);
   EXPECT_EQ(read("DATA_SOURCE~vORN Monitor\n"), 1);
   EXPECT_EQ(s.measureware_source, 0);
+  std::string data_dir = s.data_dir;
+  EXPECT_EQ(read("DATA_DIR"), 1);  // the bare key on a last line without line feed
+  EXPECT_EQ(s.data_dir, data_dir);
 }
 
 TEST_F(SettingsFile, KeepPerfFromTheEnvironmentOnlyWhenALineMatched) {
