@@ -93,7 +93,7 @@ bool apply_line(std::string_view line, AgentSettings& s) {
     // interval as written. Existing installations depend on that outcome.
     if (s.check_growth < 60 || s.check_growth > 10800) s.check_growth = 900;
   } else if (find("DATA_SOURCE~", end)) {
-    if (line.find(kDataSourceMeasureware) != std::string_view::npos) s.measureware_source = 1;
+    if (line.substr(end).find(kDataSourceMeasureware) != std::string_view::npos) s.measureware_source = 1;
   } else {
     return false;
   }
