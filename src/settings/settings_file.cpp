@@ -100,14 +100,16 @@ bool apply_line(std::string_view line, AgentSettings& s) {
   return true;
 }
 
+void report_unreadable(const std::string& path, int error) {
+  std::fprintf(stderr, "kovaagent, unable to read settings file %s, %s\n", path.c_str(), std::strerror(error));
+}
+
 }  // namespace
 
 int kova_parse_startup_file(AgentSettings& s) {
   UniqueFile file(std::fopen(s.settings_file_path.c_str(), "r"));
   if (!file) {
-    if (errno != ENOENT)
-      std::fprintf(stderr, "kovaagent, unable to read settings file %s, %s; using defaults\n",
-                   s.settings_file_path.c_str(), std::strerror(errno));
+    if (errno != ENOENT) report_unreadable(s.settings_file_path, errno);
     return 0;
   }
   int matched = 0;
@@ -126,6 +128,9 @@ int kova_parse_startup_file(AgentSettings& s) {
     }
     if (apply_line(line, s)) ++matched;
   }
+  // A read error (a directory in the file's place, a failing disk) ends the
+  // file like its end does; the lines read so far stand.
+  if (std::ferror(file.get())) report_unreadable(s.settings_file_path, errno);
   std::free(buffer);
   if (matched == 0) return 0;
   const char* keep = std::getenv("KOVA_KEEP_PERF");

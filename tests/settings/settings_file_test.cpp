@@ -108,7 +108,7 @@ TEST_F(SettingsFile, KeepPerfFromTheEnvironmentOnlyWhenALineMatched) {
   unsetenv("KOVA_KEEP_PERF");
 }
 
-TEST_F(SettingsFile, OverlongLinesAreSkippedWithAWarningAndReadingGoesOn) {
+TEST_F(SettingsFile, OverlongLinesAndUnreadableFilesAreReportedAndNeverFatal) {
   testing::internal::CaptureStderr();
   EXPECT_EQ(read("KOVASERVER~" + std::string(600, '1') + "\nKOVAAGENT_PORT~1800\n"), 1);
   std::string err = testing::internal::GetCapturedStderr();
@@ -120,6 +120,12 @@ TEST_F(SettingsFile, OverlongLinesAreSkippedWithAWarningAndReadingGoesOn) {
   testing::internal::CaptureStderr();
   EXPECT_EQ(kova_parse_startup_file(s), 0);
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");  // a missing file is normal
+
+  s.settings_file_path = root.path();
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(kova_parse_startup_file(s), 0);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "kovaagent, unable to read settings file " + root.path() + ", Is a directory\n");
 }
 
 }  // namespace
