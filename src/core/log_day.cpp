@@ -20,7 +20,7 @@ int get_log_file_name_unix(const AgentSettings& s) {
   std::strftime(date, sizeof date, "%Y%b%d", &local);
   log.logfile = s.log_dir + "/kova_" + s.hostname + "_" + date + ".log";
   log.logfile_yday = local.tm_yday;
-  purge_log_file(s.log_dir, s.hostname, ".log", 5, s.verbose);
+  (void)purge_log_file(s.log_dir, s.hostname, ".log", 5, s.verbose);  // a failure is logged by the purge
   return 1;
 }
 

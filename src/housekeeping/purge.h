@@ -12,8 +12,8 @@ namespace kova {
 // and whose modification time is at or before `cutoff`. Every deletion is
 // logged; an entry that cannot be read or deleted is logged and skipped.
 // Returns 1 when the directory was scanned, 0 when it could not be opened.
-int purge_file(const std::string& directory, const std::string& prefix, const std::string& extension,
-               std::time_t cutoff, int verbose);
+[[nodiscard]] int purge_file(const std::string& directory, const std::string& prefix,
+                             const std::string& extension, std::time_t cutoff, int verbose);
 
 // The same wall-clock time `days` calendar days before now.
 std::time_t purge_cutoff(int days);
@@ -21,14 +21,14 @@ std::time_t purge_cutoff(int days);
 // The wrappers: they build the prefix and the cut-off for each kind of
 // file, and return 0 without scanning when `days` rules a purge out
 // (0 or less; below 0 for application data, which keeps one day more).
-int purge_data_file(const std::string& directory, const std::string& hostname, const std::string& extension,
-                    int days, int verbose);
-int purge_data_file1(const std::string& directory, const std::string& hostname, const std::string& word,
-                     const std::string& extension, int days, int verbose);
-int purge_log_file(const std::string& log_dir, const std::string& hostname, const std::string& extension,
-                   int days, int verbose);
-int purge_remote_file(const std::string& directory, const std::string& prefix, int days, int verbose);
-int purge_appdata_file(const std::string& directory, const std::string& prefix, const std::string& extension,
-                       int days, int verbose);
+[[nodiscard]] int purge_data_file(const std::string& directory, const std::string& hostname,
+                                  const std::string& extension, int days, int verbose);
+[[nodiscard]] int purge_data_file1(const std::string& directory, const std::string& hostname,
+                                   const std::string& word, const std::string& extension, int days, int verbose);
+[[nodiscard]] int purge_log_file(const std::string& log_dir, const std::string& hostname,
+                                 const std::string& extension, int days, int verbose);
+[[nodiscard]] int purge_remote_file(const std::string& directory, const std::string& prefix, int days, int verbose);
+[[nodiscard]] int purge_appdata_file(const std::string& directory, const std::string& prefix,
+                                     const std::string& extension, int days, int verbose);
 
 }  // namespace kova

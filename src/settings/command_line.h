@@ -32,7 +32,7 @@ int kova_parse_cmdline_for_rootdir(char** argv, int argc, AgentSettings& setting
 
 // Prints the banner, then applies every option over the settings. Returns 1
 // to go on, 0 after an option error (printed on stderr), kParseMeasureware.
-int kova_parse_command_line(char** argv, int argc, AgentSettings& settings);
+[[nodiscard]] int kova_parse_command_line(char** argv, int argc, AgentSettings& settings);
 
 // True when `arg` is a prefix of `option` longer than n characters.
 bool unix_option_compare(std::string_view arg, std::string_view option, int n);
@@ -42,28 +42,28 @@ bool unix_option_compare(std::string_view arg, std::string_view option, int n);
 int set_path_variable(std::string& dst, const std::string& arg);
 
 // "HH:MM" into schedule_hour and schedule_minute: 1; 0 leaves them.
-int parse_hour_min(std::string_view text, AgentSettings& settings);
+[[nodiscard]] int parse_hour_min(std::string_view text, AgentSettings& settings);
 
 void kova_print_banner();
 void kova_print_usage();
 
 // 1 when the install root and the data, log and tmp directories exist;
 // otherwise 0, each failure explained on stderr.
-int kova_check_paths(const AgentSettings& settings);
+[[nodiscard]] int kova_check_paths(const AgentSettings& settings);
 
 // -1: path missing; 0: not a link, out = path; 1: a link, out = its target
 // (or path when the target cannot be resolved).
-int kova_resolve_softlink(const std::string& path, std::string& out, int verbose);
+[[nodiscard]] int kova_resolve_softlink(const std::string& path, std::string& out, int verbose);
 
 // Trims leading blanks and tabs, trailing blanks, tabs, CR and LF in place;
 // returns the new length.
 int LibTrim1(std::string& s);
 
 // 1 when the real user is `account`; 0 otherwise or when it does not exist.
-int kova_am_i_vantrel(const std::string& account);
+[[nodiscard]] int kova_am_i_vantrel(const std::string& account);
 
 // Switches the process to `account` (groups, group id, user id): 1; 0 when
 // the account does not exist and -1 when the switch failed (both printed).
-int kova_relinquish_root(const std::string& account);
+[[nodiscard]] int kova_relinquish_root(const std::string& account);
 
 }  // namespace kova

@@ -12,6 +12,6 @@ int kova_parse_startup_file(AgentSettings& settings);
 
 // Writes the twelve persistent settings (announced on stdout). 1, or 0 when
 // the file cannot be opened for writing.
-int kova_write_settings_file(const AgentSettings& settings);
+[[nodiscard]] int kova_write_settings_file(const AgentSettings& settings);
 
 }  // namespace kova
