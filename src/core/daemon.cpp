@@ -1,5 +1,6 @@
 #include "core/daemon.h"
 
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -64,7 +65,9 @@ int make_daemon(const std::string& directory, int priority) {
     if (pid > 0) ::_exit(0);
 
     (void)::nice(priority);  // a priority the account may not take leaves the default
-    if (::setpgid(0, 0) != 0) log_printf("E-SETPGRP", "start_daemon: setpgrp failed: %s", std::strerror(errno));
+    // A new session as well as a new process group: the agent leaves the
+    // terminal it was started from behind.
+    if (::setsid() < 0) log_printf("E-SETPGRP", "start_daemon: setpgrp failed: %s", std::strerror(errno));
 
     std::signal(SIGHUP, SIG_IGN);  // a daemon is not ended by its terminal hanging up
     pid = ::fork();
@@ -76,7 +79,17 @@ int make_daemon(const std::string& directory, int priority) {
   (void)::chdir(directory.c_str());  // on failure it stays put: every path used is absolute
   ::umask(022);
   // Standard input, output and error stay where they were: the agent still
-  // writes its start-up messages there, and admins' scripts read them.
+  // writes its start-up messages there, and admins' scripts read them. Only
+  // one the agent was started without is filled with /dev/null, so that the
+  // listening socket or a file can never take its place and receive what is
+  // meant for the terminal. Copies above the standard three are not needed.
+  int null_fds[3] = {::open("/dev/null", O_RDWR), -1, -1};
+  if (null_fds[0] >= 0) {
+    null_fds[1] = ::dup(null_fds[0]);
+    null_fds[2] = ::dup(null_fds[0]);
+  }
+  for (int fd : null_fds)
+    if (fd > STDERR_FILENO) ::close(fd);
   return 1;
 }
 

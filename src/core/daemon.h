@@ -5,9 +5,9 @@
 
 namespace kova {
 
-// Detaches the process (two forks, a new process group, the priority
-// applied) and moves to `directory`. Returns 1, or -1 when the first fork
-// fails.
+// Detaches the process (two forks, a new session, the priority applied),
+// moves to `directory` and opens /dev/null on any standard descriptor that
+// is closed. Returns 1, or -1 when the first fork fails.
 int make_daemon(const std::string& directory, int priority);
 
 // Records what TerminateAgent must undo: the listening socket and, while
