@@ -70,6 +70,7 @@ int Socket_Create(int port) {
     log_printf("E-SOCKET", "error socket() call failed:  %s", std::strerror(err));
     std::fprintf(stderr, "%s-E-SOCKERR: ERROR creating socket: %s\n", "KOVA", std::strerror(err));
     std::fprintf(stderr, "%s-E-NOTSTARTED: %s agent not started\n", "KOVA", "KOVA");
+    errno = err;
     return -1;
   }
   int on = 1;
@@ -84,10 +85,12 @@ int Socket_Create(int port) {
   addr.sin_addr.s_addr = htonl(INADDR_ANY);
   addr.sin_port = htons(static_cast<uint16_t>(port));
   if (::bind(sock.get(), reinterpret_cast<const sockaddr*>(&addr), sizeof addr) != 0) {
-    std::string message = string_printf("Error binding socket (port %d) : %s\n", port, std::strerror(errno));
-    log_printf("E-BIND", "Error binding socket (port %d) : %s\n", port, std::strerror(errno));
+    int err = errno;
+    std::string message = string_printf("Error binding socket (port %d) : %s\n", port, std::strerror(err));
+    log_printf("E-BIND", "Error binding socket (port %d) : %s\n", port, std::strerror(err));
     std::fprintf(stderr, "KOVA-E-SOCK:  %s", message.c_str());
     std::fprintf(stderr, "%s-E-NOTSTARTED: KOVA Agent not started\n", "KOVA");
+    errno = err;
     return -1;
   }
   return sock.release();
