@@ -95,6 +95,7 @@ TEST(Daemon, RunsOnceReportsStatusAndStopsOnRequest) {
   RunningAgent agent(tree, port);
   ASSERT_TRUE(agent.started()) << agent.launch().err;
   EXPECT_EQ(agent.launch().out, kBanner + "kovaagent started.\n");
+  EXPECT_NE(::getsid(agent.pid()), ::getsid(0));  // detached from the starter's terminal session
 
   RunResult status = run_agent({"-rootdir", tree.root(), "-status"});
   EXPECT_EQ(status.status, 0);
@@ -156,7 +157,8 @@ TEST(Daemon, APortAlreadyHeldIsReportedAndTheAgentExitsZero) {
   ::close(holder);
   EXPECT_EQ(run.status, 0);
   std::string bind_error = "Error binding socket (port " + std::to_string(port) + ") : Address already in use\n";
-  EXPECT_NE(run.err.find("KOVA-E-SOCK:  " + bind_error + "KOVA-E-NOTSTARTED: KOVA Agent not started\n"),
+  EXPECT_NE(run.err.find("KOVA-E-SOCK:  " + bind_error + "KOVA-E-NOTSTARTED: KOVA Agent not started\n" +
+                         "kovaagent: Socket create failed!, Address already in use \n"),
             std::string::npos)
       << run.err;
   EXPECT_NE(tree.log().find("KOVAAGENT-E-BIND,        " + bind_error), std::string::npos);
