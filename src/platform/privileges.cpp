@@ -21,6 +21,7 @@ struct Privilege {
   int count;            // 0: nothing on Linux grants or needs it
   const char* failure;  // printed when it cannot be added to the set
   bool with_errno;      // failure printed perror-style
+  bool switched;        // raised by priv_on and dropped by priv_off
 };
 
 // In the order the set has always been built, so a failure prints the
@@ -32,6 +33,7 @@ constexpr Privilege kPrivileges[] = {
      {CAP_DAC_READ_SEARCH},
      1,
      "kovaagent: Can't add FILE_DAC_READ privilege",
+     true,
      true},
     {"file_dac_write",
      {
@@ -44,8 +46,11 @@ constexpr Privilege kPrivileges[] = {
      },
      2,
      "lock: Can't add FILE_DAC_WRITE privilege",
-     true},
-    {"file_dac_search", {CAP_DAC_READ_SEARCH}, 1, "lock: Can't add FILE_DAC_SEARCH privilege", true},
+     true,
+     // Never switched: it stays in effect as priv_init leaves it, so that the
+     // request children can write where the service account alone may not.
+     false},
+    {"file_dac_search", {CAP_DAC_READ_SEARCH}, 1, "lock: Can't add FILE_DAC_SEARCH privilege", true, true},
     {"proc_owner",
      {
          // Stop the collector, the real-time and the search agent, which may
@@ -57,8 +62,9 @@ constexpr Privilege kPrivileges[] = {
      },
      2,
      "lock: Can't add PRIV_PROC_OWNER privilege",
+     true,
      true},
-    {"sys_devices", {}, 0, "kovaagent,  priv_addset PRIV_PROC_DEVICES failed\n", false},
+    {"sys_devices", {}, 0, "kovaagent,  priv_addset PRIV_PROC_DEVICES failed\n", false, true},
     {"proc_setid",
      {
          // Switch to the service account after the set is fixed, and let the
@@ -69,9 +75,10 @@ constexpr Privilege kPrivileges[] = {
      },
      2,
      "kovaagent,  priv_addset PRIV_PROC_SETID failed\n",
-     false},
+     false,
+     true},
     // A PID namespace needs no capability to be looked into from outside.
-    {"proc_zone", {}, 0, "kovaagent,  priv_addset PRIV_PROC_ZONE failed\n", false},
+    {"proc_zone", {}, 0, "kovaagent,  priv_addset PRIV_PROC_ZONE failed\n", false, true},
 };
 
 class UniqueCaps {
@@ -94,13 +101,16 @@ bool has(cap_t caps, cap_value_t cap, cap_flag_t flag) {
   return cap_get_flag(caps, cap, flag, &value) == 0 && value == CAP_SET;
 }
 
-// Calls f(cap) for each kept capability, a capability shared by two
-// privileges twice, until f returns false; returns false then.
+// Calls f(cap) for each kept capability (only those priv_on and priv_off
+// switch when switched_only), a capability shared by two privileges twice,
+// until f returns false; returns false then.
 template <typename F>
-bool each_kept(F f) {
-  for (const Privilege& privilege : kPrivileges)
+bool each_kept(F f, bool switched_only = false) {
+  for (const Privilege& privilege : kPrivileges) {
+    if (switched_only && !privilege.switched) continue;
     for (int i = 0; i < privilege.count; ++i)
       if (!f(privilege.caps[i])) return false;
+  }
   return true;
 }
 
@@ -118,10 +128,11 @@ bool is_kept(cap_value_t cap) {
   std::exit(1);
 }
 
-[[noreturn]] void fail_inheritable(int verbose) {
-  if (verbose != 0) std::fprintf(stderr, "error setting PRIV_INHERITABLE , %s \n", std::strerror(errno));
-  std::exit(1);
-}
+// The inheritable and permitted steps only report a failure, whatever
+// verbose says, and the agent goes on with the sets as they are.
+void report_inheritable() { std::fprintf(stderr, "error setting PRIV_INHERITABLE , %s \n", std::strerror(errno)); }
+
+void report_permitted() { std::perror("kovaagent: set PRIV_PERMITTED failed"); }
 
 // Without these bits setuid from root clears the effective set at once, and
 // kova_relinquish_root's setgid that follows would fail. Keeping the fix-up
@@ -140,9 +151,11 @@ bool keep_across_setuid(cap_t current) {
 int set_effective(cap_flag_value_t value) {
   UniqueCaps caps(cap_get_proc());
   if (!caps) return -1;
-  bool ok = each_kept([&](cap_value_t cap) {
-    return !has(caps.get(), cap, CAP_PERMITTED) || cap_set_flag(caps.get(), CAP_EFFECTIVE, 1, &cap, value) == 0;
-  });
+  bool ok = each_kept(
+      [&](cap_value_t cap) {
+        return !has(caps.get(), cap, CAP_PERMITTED) || cap_set_flag(caps.get(), CAP_EFFECTIVE, 1, &cap, value) == 0;
+      },
+      true);
   return ok && cap_set_proc(caps.get()) == 0 ? 0 : -1;
 }
 
@@ -168,8 +181,9 @@ int priv_init(int verbose) {
   }
 
   // Before the permitted set shrinks: both steps need CAP_SETPCAP. Keeping
-  // the set across setuid is part of fixing it as permitted.
-  if (!keep_across_setuid(current.get())) fail(verbose, "kovaagent: set PRIV_PERMITTED failed", true);
+  // the set across setuid is part of fixing it as permitted; without it the
+  // agent runs on with nothing once it is the service account.
+  if (!keep_across_setuid(current.get())) report_permitted();
   if (has(current.get(), CAP_SETPCAP, CAP_EFFECTIVE)) {
     for (cap_value_t cap = 0; cap < cap_max_bits(); ++cap) {
       if (is_kept(cap) || cap_get_bound(cap) != 1) continue;
@@ -179,17 +193,17 @@ int priv_init(int verbose) {
 
   // Inheritable first, with the permitted set still whole.
   UniqueCaps step(cap_dup(current.get()));
-  if (!step || cap_fill_flag(step.get(), CAP_INHERITABLE, kept.get(), CAP_INHERITABLE) != 0 ||
-      cap_set_proc(step.get()) != 0)
-    fail_inheritable(verbose);
+  const bool inheritable = step && cap_fill_flag(step.get(), CAP_INHERITABLE, kept.get(), CAP_INHERITABLE) == 0 &&
+                           cap_set_proc(step.get()) == 0;
+  if (!inheritable) report_inheritable();
 
-  if (cap_set_proc(kept.get()) != 0) fail(verbose, "kovaagent: set PRIV_PERMITTED failed", true);
+  if (cap_set_proc(kept.get()) != 0) report_permitted();
 
   // Programs the agent starts run without file capabilities of their own;
   // the ambient set hands them the kept set across exec.
   bool ambient = each_kept(
       [&](cap_value_t cap) { return !has(kept.get(), cap, CAP_PERMITTED) || cap_set_ambient(cap, CAP_SET) == 0; });
-  if (!ambient) fail_inheritable(verbose);
+  if (inheritable && !ambient) report_inheritable();
 
   return setreuid(getuid(), getuid());
 }

@@ -70,6 +70,8 @@ TEST_F(Accounts, StartedByRootItRunsAsTheServiceAccountWithOnlyTheKeptCapabiliti
     EXPECT_EQ(bits & ~kKept, 0u) << set << " " << std::hex << bits;
   }
   EXPECT_EQ(std::stoull(status_field(agent.pid(), "CapPrm"), nullptr, 16), kKept);
+  // Between requests only file_dac_write (DAC_OVERRIDE, FOWNER) is in effect.
+  EXPECT_EQ(std::stoull(status_field(agent.pid(), "CapEff"), nullptr, 16), (1ull << 1) | (1ull << 3));
   EXPECT_NE(read_file(tree_.lock_path()).find(std::string("USER~") + kServiceAccount + "\n"), std::string::npos);
   EXPECT_EQ(hex(round_trip(agent.port(), request_packet(14))), "0a00060000000000");
 
