@@ -207,8 +207,6 @@ int kova_status(const std::string& /*install_root*/, const std::string& lock_pat
   int running;
   if (read == 1) {
     running = findproc(kProgramName, record.pid, 0);
-  } else if (read == -1 && !release_without_lock_file()) {
-    running = 0;  // no lock file: nothing runs here
   } else {
     found_pid = find_process_by_name(kProgramName, ::getpid(), 0);
     running = found_pid > 0 ? 1 : 0;

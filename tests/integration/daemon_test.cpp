@@ -141,6 +141,23 @@ TEST(Daemon, SigtermEndsTheAgentWithStatusZeroAndAStaleLockDoesNotBlockAStart) {
   EXPECT_NE(log.find("KOVAAGENT-I-STARTED,     Agent started\n"), std::string::npos);
 }
 
+TEST(Daemon, WithoutALockFileStatusAndStopFindTheAgentByName) {
+  InstallTree tree;
+  RunningAgent agent(tree, free_port(), {"-nofork", "-nolock"});
+  ASSERT_TRUE(agent.started()) << agent.launch().err;
+  const std::string pid = std::to_string(agent.pid());
+
+  RunResult status = run_agent({"-rootdir", tree.root(), "-status"});
+  EXPECT_EQ(status.status, 0);
+  EXPECT_EQ(status.out, kBanner);
+  EXPECT_EQ(status.err, "kovaagent: unable to open lockfile, " + tree.lock_path() + "\nkovaagent: running as pid " +
+                            pid + " \n");
+
+  RunResult stop = run_agent({"-rootdir", tree.root(), "-stop"});
+  EXPECT_EQ(stop.out, kBanner + "\nStopping kovaagent (pid " + pid + ")\n");
+  EXPECT_EQ(agent.stop(0), 0);  // SIGINT from -stop ended it with status 0
+}
+
 TEST(Daemon, APortAlreadyHeldIsReportedAndTheAgentExitsZero) {
   InstallTree tree;
   int holder = ::socket(AF_INET, SOCK_STREAM, 0);
