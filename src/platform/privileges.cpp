@@ -134,9 +134,9 @@ void report_inheritable() { std::fprintf(stderr, "error setting PRIV_INHERITABLE
 
 void report_permitted() { std::perror("kovaagent: set PRIV_PERMITTED failed"); }
 
-// Without these bits setuid from root clears the effective set at once, and
-// kova_relinquish_root's setgid that follows would fail. Keeping the fix-up
-// off is harmless: the bounding set already holds only the kept set.
+// Without these bits the setuid to the service account clears the permitted
+// and effective sets, and the agent would run on with nothing. Keeping the
+// fix-up off is harmless: by then the bounding set holds only the kept set.
 bool keep_across_setuid(cap_t current) {
   constexpr unsigned kBits = SECBIT_KEEP_CAPS | SECBIT_NO_SETUID_FIXUP;
   int bits = prctl(PR_GET_SECUREBITS);
