@@ -43,10 +43,15 @@ std::string growth_state_path(const AgentSettings& settings) {
   return settings.tmp_dir + "/kova_" + settings.hostname + "_lastsize.tmp";
 }
 
-void reset_growth_watch(CollectorState& state) {
+// A collector found down starts its next run with a fresh watch. The state
+// file goes too: every later request child reloads the watch from it, and a
+// stale record would judge a restarted collector, which has not yet written
+// its first sample, against the size its predecessor left hours ago.
+void reset_growth_watch(const AgentSettings& settings, CollectorState& state) {
   state.last_dc_checktime = 0;
   state.l_last_datafile_size = 0;
   state.last_dc_filename.clear();
+  (void)kova_delete_existing_filesize_tempfile(settings);
 }
 
 int check_dc(const AgentSettings& settings, int stops_left);
@@ -71,8 +76,8 @@ int stop_dc(const AgentSettings& settings, int stops_left) {
 }
 
 int check_measureware(const AgentSettings& settings) {
-  // Only a positive "not there" counts as down: the lookup gives -1 for
-  // "none found" as well as for "could not tell".
+  // Only a result of 0 counts as down, and the name search never gives
+  // it: its "none found" is -1, so this mode reports the agent up.
   if (findproc_nopid(kMeasurewareCollector, settings.verbose) == 0) {
     if (is_debug(settings)) write_to_log("I-DC_STAT", "Measureware Data Collector DOWN");
     return kStatusNotRunning;
@@ -87,7 +92,7 @@ int check_dc(const AgentSettings& settings, int stops_left) {
   DcLockfile lock;
   if (kova_read_dc_lockfile(settings.collector_lock_path, lock, state.dc_version) != 1) {
     if (is_debug(settings)) write_to_log("I-DC_STAT", "Data Collector DOWN");
-    reset_growth_watch(state);
+    reset_growth_watch(settings, state);
     return kStatusNotRunning;
   }
   // The status reply carries the interval in 16 bits.
@@ -107,7 +112,7 @@ int check_dc(const AgentSettings& settings, int stops_left) {
     if (is_debug(settings)) write_to_log("I-DC_STAT", "Data Collector UP");
     return kStatusRunning;
   }
-  reset_growth_watch(state);
+  reset_growth_watch(settings, state);
   return kStatusNotRunning;
 }
 

@@ -41,8 +41,10 @@ inline constexpr const char* kMeasurewareControl = "/opt/perf/bin/mwa";
 [[nodiscard]] int StopDC_UNIX(const AgentSettings& settings);
 
 // 3: the collector runs (and its data file grows); 4: it does not, or it
-// was stopped for not growing. MeasureWare mode: 4 only when "scopeux" is
-// positively not found, else 3.
+// was stopped for not growing; a collector found down also clears the
+// growth watch and its state file. MeasureWare mode: 3 whenever the name
+// search for "scopeux" gives no pid of 0, which is always, since it
+// reports "none" as -1: the server is told that agent is up.
 [[nodiscard]] int CheckDC_UNIX(const AgentSettings& settings);
 
 // Takes a dump interval of 60 s or more, a peak interval >= 0 and a retain

@@ -149,6 +149,7 @@ TEST_F(Collector, CollectorWhoseFileStopsGrowingIsStopped) {
   EXPECT_TRUE(test::wait_for_exit(pid));
   EXPECT_FALSE(file_exists(settings_.collector_lock_path));
   EXPECT_EQ(collector_state().last_dc_checktime, 0) << "the watch starts afresh";
+  EXPECT_FALSE(file_exists(state_file())) << "also for the request children to come";
 }
 
 TEST_F(Collector, CollectorThatKeepsWritingStaysUpAndStaleLocksAreNotSignalled) {
