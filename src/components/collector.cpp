@@ -9,11 +9,11 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "platform/process.h"
+#include "components/command.h"
 #include "components/findproc.h"
 #include "core/clock.h"
 #include "core/log.h"
-#include "core/shell.h"
+#include "platform/process.h"
 #include "platform/unique.h"
 #include "wire/status.h"
 
@@ -25,7 +25,6 @@ constexpr const char* kCollectorEsx = "vorn_monitor_es";
 constexpr const char* kOlderCollector = "zudunix";
 constexpr const char* kMeasurewareCollector = "scopeux";
 constexpr const char* kOlderCollectorStop = "/usr/bin/vorn_monitor -silent -stop";
-constexpr const char* kQuiet = " > /dev/null 2>&1";
 
 // A stop is re-checked, and a collector that is still there and still not
 // growing is signalled again. This bounds how often one request insists.
@@ -146,13 +145,10 @@ int StartDC_UNIX(const std::string& /*requester*/, int dump_interval, int peak_i
   if (compare_dc_settings(dc, dump_interval, peak_interval, retain) == 1)
     log_printf("I-DC_SAVE", "Data collector settings saved, %s", dc.settings_file.c_str());
 
-  std::string command = shell_quote(dc.install_dir + "/bin/" + kCollector);
-  if (settings.user_given == 1) command += " -user " + shell_quote(settings.user);
-  if (settings.rootdir_given == 1) command += " -rootdir " + shell_quote(settings.install_root);
-  command += kQuiet;
-  if (is_debug(settings)) write_to_log("I-COMMAND", command);
+  const ComponentCommand command = component_command(dc.install_dir + "/bin/" + kCollector, "", settings);
+  if (is_debug(settings)) write_to_log("I-COMMAND", command.shown());
   // The collector detaches by itself once its lock file is written.
-  (void)run_shell_command(command);
+  run_component_command(command);
   return CheckDC_UNIX(settings);
 }
 
@@ -329,10 +325,10 @@ int kova_dc_status(const std::string& path, const std::string& node, const std::
   return kStatusRunning;
 }
 
-int kova_dc_start(const std::string& command, int verbose) {
-  std::string line = verbose == 1 ? command : command + kQuiet;
-  (void)run_shell_command(line);
-  if (verbose != 0) log_printf("I-COMMAND", "run:  %s \n", line.c_str());
+int kova_dc_start(ComponentCommand command, int verbose) {
+  if (verbose != 1) command.text(kQuiet);
+  run_component_command(command);
+  if (verbose != 0) log_printf("I-COMMAND", "run:  %s \n", command.shown().c_str());
   return 1;
 }
 

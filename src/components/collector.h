@@ -6,6 +6,7 @@
 #include <ctime>
 #include <string>
 
+#include "components/command.h"
 #include "components/dc_lockfile.h"
 #include "components/dc_settings.h"
 #include "settings/agent_settings.h"
@@ -80,9 +81,9 @@ int kova_delete_existing_filesize_tempfile(const AgentSettings& settings);
 // when `type` contains "ESX".
 [[nodiscard]] int kova_dc_status(const std::string& path, const std::string& node, const std::string& type,
                                  int& write_rate, int& peak_rate, int verbose);
-// Runs `command` (already quoted by the caller), quietened unless verbose
-// is 1. Returns 1.
-int kova_dc_start(const std::string& command, int verbose);
+// Runs `command`, quietened unless verbose is 1; with verbose it is logged
+// as it reads. Returns 1.
+int kova_dc_start(ComponentCommand command, int verbose);
 // As dc_stop for program `name`, logging instead of printing.
 [[nodiscard]] int kova_dc_stop(const std::string& path, const std::string& name, int verbose);
 

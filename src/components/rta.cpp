@@ -10,14 +10,13 @@
 #include <string_view>
 #include <vector>
 
+#include "components/command.h"
 #include "components/dc_settings.h"
 #include "components/findproc.h"
 #include "components/keyfile.h"
 #include "core/clock.h"
 #include "core/log.h"
-#include "core/shell.h"
 #include "platform/files.h"
-#include "platform/process.h"
 #include "platform/unique.h"
 #include "settings/command_line.h"
 #include "wire/status.h"
@@ -43,13 +42,8 @@ std::string today() {
   return day;
 }
 
-// "<root>/bin/kovarta", its account and root options when the agent was
-// given them, and `tail`.
-std::string command_line(const AgentSettings& settings, const char* tail) {
-  std::string command = shell_quote(settings.install_root + "/bin/" + kProgram) + tail;
-  if (settings.user_given == 1) command += " -user " + shell_quote(settings.user);
-  if (settings.rootdir_given == 1) command += " -rootdir " + shell_quote(settings.install_root);
-  return command + " > /dev/null 2>&1";
+ComponentCommand command_line(const AgentSettings& settings, std::string_view tail) {
+  return component_command(settings.install_root + "/bin/" + kProgram, tail, settings);
 }
 
 enum SettingsKey { kInstallDir, kLogDir, kDataDir, kVerbose, kPort, kProcesses, kAlerts, kScanRate, kPriority, kUser };
@@ -227,17 +221,17 @@ int StartRTA_UNIX(const std::string& requester, int processes, int port, int sca
   } else {
     write_to_log("I-RTA_UNAUTH", "KOVA Realtime settings not saved, Unauthorized Request");
   }
-  std::string command = command_line(settings, "");
-  if (settings.verbose != 0) write_to_log("I-COMMAND", command);
-  (void)run_shell_command(command);
+  const ComponentCommand command = command_line(settings, "");
+  if (settings.verbose != 0) write_to_log("I-COMMAND", command.shown());
+  run_component_command(command);
   clock_sleep(1);
   return CheckRTA_UNIX(settings);
 }
 
 int StopRTA_UNIX(const AgentSettings& settings) {
-  std::string command = command_line(settings, " -stop");
-  write_to_log("I-COMMAND", command);
-  (void)run_shell_command(command);
+  const ComponentCommand command = command_line(settings, " -stop");
+  write_to_log("I-COMMAND", command.shown());
+  run_component_command(command);
   return CheckRTA_UNIX(settings);
 }
 

@@ -5,12 +5,11 @@
 
 #include <filesystem>
 
+#include "components/command.h"
 #include "components/findproc.h"
 #include "core/clock.h"
 #include "core/log.h"
-#include "core/shell.h"
 #include "platform/files.h"
-#include "platform/process.h"
 #include "wire/status.h"
 
 namespace kova {
@@ -32,17 +31,19 @@ int StartSORLEX_UNIX(const std::string& root, int debug) {
     if (ec) log_printf("W-SORLEX_COPY", "Unable to copy %s to %s, %s", spare.c_str(), startup.c_str(),
                        ec.message().c_str());
   }
-  std::string command = shell_quote(program_path(root));
-  if (debug != 0) write_to_log("I-COMMAND", command);
-  (void)run_shell_command(command);
+  ComponentCommand command;
+  command.value(program_path(root));
+  if (debug != 0) write_to_log("I-COMMAND", command.shown());
+  run_component_command(command);
   clock_sleep(1);
   return CheckSORLEX_UNIX(root, debug);
 }
 
 int StopSORLEX_UNIX(const std::string& root, int debug) {
-  std::string command = shell_quote(program_path(root)) + " -stop";
-  write_to_log("I-COMMAND", command);
-  (void)run_shell_command(command);
+  ComponentCommand command;
+  command.value(program_path(root)).text(" -stop");
+  write_to_log("I-COMMAND", command.shown());
+  run_component_command(command);
   return CheckSORLEX_UNIX(root, debug);
 }
 

@@ -99,6 +99,8 @@ TEST_F(Rta, OnlyAnAuthorisedRequesterChangesTheSettingsTheProgramRunsWith) {
   EXPECT_EQ(StopRTA_UNIX(settings_), kStatusNotRunning);
   EXPECT_TRUE(test::wait_for_exit(pid));
   EXPECT_FALSE(file_exists(settings_.rta_lock_path));
+  EXPECT_NE(log_text().find(root_ + "/bin/kovarta -stop -rootdir " + root_ + " > /dev/null 2>&1\n"), std::string::npos)
+      << "logged as it reads, unquoted: " << log_text();
 }
 
 }  // namespace

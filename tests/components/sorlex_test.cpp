@@ -32,6 +32,7 @@ TEST_F(Sorlex, SpareStartupFileIsPutInPlaceAndTheProgramRunsUntilStopped) {
   EXPECT_EQ(StopSORLEX_UNIX(root_, 1), kStatusNotRunning) << log_text();
   EXPECT_TRUE(test::wait_for_exit(pid));
   EXPECT_NE(log_text().find("Sorlex Agent DOWN"), std::string::npos);
+  EXPECT_NE(log_text().find(root_ + "/bin/sorlexagent -stop\n"), std::string::npos) << "logged as it reads, unquoted";
   EXPECT_EQ(StartSORLEX_UNIX(root_, 0), kStatusRunning);
   EXPECT_EQ(read_file(root_ + "/sorlexagent.txt"), "index=/var/idx\n");
   const int second = std::atoi(read_file(root_ + "/tmp/sorlexagent.pid").c_str());
