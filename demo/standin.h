@@ -3,9 +3,6 @@
 // and the lock-file discipline of the real programs.
 #pragma once
 
-#include <fstream>
-#include <string>
-
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -16,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <fstream>
 #include <string>
 
 namespace standin {
@@ -152,7 +150,6 @@ inline bool wait_gone(const std::string& path, long ms) {
   return stat(path.c_str(), &st) != 0;
 }
 
-// Waits up to `ms` for process `pid` to end; true when it did.
 // True when the process has ended, reaped or not: an orphan may wait for
 // its reaper a while, and it runs no more.
 inline bool has_ended(pid_t pid) {
@@ -164,6 +161,7 @@ inline bool has_ended(pid_t pid) {
   return close != std::string::npos && close + 2 < record.size() && record[close + 2] == 'Z';
 }
 
+// Waits up to `ms` for process `pid` to end; true when it did.
 inline bool wait_exit(pid_t pid, long ms) {
   for (long waited = 0; waited < ms; waited += 20) {
     if (has_ended(pid)) return true;

@@ -8,6 +8,7 @@
 // VORN_DEMO_INTERVAL_MS, when set, replaces the write rate (for tests).
 #include <sys/sysinfo.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <string>
@@ -144,10 +145,14 @@ int main(int argc, char** argv) {
     std::time_t now = std::time(nullptr);
     std::string file = data_file_for(dc, now);
     if (file != dc.current_data_file) {
-      // A new day: the lock file names the new data file.
+      // A new day: the lock file names the new data file. It is replaced in
+      // one step, so that no status check in between finds the collector
+      // without one and takes it for stopped.
       dc.current_data_file = file;
-      unlink(dc.lock_file.c_str());
-      (void)standin::write_lock_file(dc.lock_file, 0666, kName, [&](std::FILE* f) { write_lock(f, dc, started); });
+      const std::string next = dc.lock_file + ".new";
+      unlink(next.c_str());
+      if (standin::write_lock_file(next, 0666, kName, [&](std::FILE* f) { write_lock(f, dc, started); }))
+        rename(next.c_str(), dc.lock_file.c_str());
     }
     append_sample(dc.current_data_file, now);
   }
