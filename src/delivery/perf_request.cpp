@@ -9,19 +9,17 @@
 #include <array>
 #include <cctype>
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 #include <ctime>
 #include <span>
 
 #include "components/collector.h"
-#include "platform/process.h"
 #include "core/clock.h"
 #include "core/log.h"
 #include "delivery/file_transfer.h"
+#include "housekeeping/purge.h"
 #include "platform/files.h"
 #include "platform/process.h"
-#include "housekeeping/purge.h"
 #include "platform/unique.h"
 #include "wire/request.h"
 #include "wire/socket_io.h"
@@ -339,23 +337,25 @@ int send_zud_file(int socket, const AgentSettings& settings, const std::string& 
   log_printf("I-REQ_RAW", "Data file request from %s", peer.c_str());
   const int length = Packet_CheckOPCODE(request, 2);
   log_printf("I-RAWDATA_NAMLEN", "data name len: %d", length);
-  if (length <= 4 || length > kRawNameMax) {
+  if (length < 4 || length > kRawNameMax) {
     log_printf("W-RAWDATA_NAME", "Data file name refused, length %d", length);
     return kResultBadPacket;
   }
   clock_sleep(kDataRequestPause);
 
   std::array<char, kRawNameMax + 1> field{};
-  if (Socket_readn(socket, field.data(), static_cast<size_t>(length), settings.verbose) != length) {
-    log_printf("E-RAWDATA_READ", "Unable to read %s, %s", peer.c_str(), std::strerror(errno));
+  const ssize_t got = Socket_readn(socket, field.data(), static_cast<size_t>(length), settings.verbose);
+  if (got != length) {
+    log_printf("E-RAWDATA_READ", "Unable to read %s, %s", peer.c_str(),
+               got < 0 ? std::strerror(errno) : "connection closed");
     return kTransferReadFailed;
   }
   const std::string name = field.data();
   log_printf("I-RAWDATA_FILE", "data filename: %s", name.c_str());
   if (settings.verbose != 0) log_printf("I-RAWDATA_FILE", "Requested file:  %s", name.c_str());
   // The first four characters are the type prefix; what follows is matched
-  // anywhere in the names, and when nothing follows it would match all.
-  if (name.size() <= 4) {
+  // anywhere in the names.
+  if (name.size() < 4) {
     log_printf("W-RAWDATA_NAME", "Data file name refused, length %d", static_cast<int>(name.size()));
     return kResultBadPacket;
   }

@@ -28,7 +28,7 @@ inline constexpr int kRawNameMax = 255;
 // fewer when the bytes end first), cut at its first NUL.
 std::string request_text_field(std::span<const unsigned char> bytes, size_t offset, size_t width);
 
-// 1 when `time` begins with a well-formed "DD-Mon-YYYY:HH:MM" (digits and
+// True when `time` begins with a well-formed "DD-Mon-YYYY:HH:MM" (digits and
 // letters where they belong); the file names below are built from it.
 [[nodiscard]] bool is_request_time(const std::string& time);
 
@@ -103,10 +103,10 @@ void purge_fetched_data_files(const AgentSettings& settings, int age);
 
 // Takes the name length (16 bits at offset 2), waits kDataRequestPause
 // seconds, reads that many bytes of name from the socket and sends the
-// files that send_zud_files_unix finds for it. A name of four characters
-// or fewer (up to its first NUL), or longer than kRawNameMax, is refused
-// with 9: the first four characters are the type prefix, and an empty rest
-// would match every file. 1 when the name cannot be read.
+// files that send_zud_files_unix finds for the name less its first four
+// characters (the type prefix; a bare prefix matches every file). A name
+// shorter than four characters (up to its first NUL), or longer than
+// kRawNameMax, is refused with 9. 1 when the name cannot be read.
 [[nodiscard]] int send_zud_file(int socket, const AgentSettings& settings, const std::string& peer,
                                 const PacketBuffer& request, int mode);
 

@@ -195,11 +195,14 @@ TEST_F(DataRequest, RawRequestSendsEveryMatchingFileThenOneClosingPacket) {
   EXPECT_EQ(wire.substr(at), std::string("\x04\0\0\0\0\0\0\0\0\0", 10));  // the closing packet
   EXPECT_EQ(slept, kDataRequestPause);
 
-  // Names with nothing to match after the type prefix, or matching nothing, send nothing.
-  for (const std::string& refused : {std::string("abc"), std::string("qdts"), std::string("qdtsx_none")}) {
+  // A name shorter than the type prefix, or one matching nothing, sends nothing.
+  for (const std::string& refused : {std::string("abc"), std::string("qdtsx_none")}) {
     EXPECT_EQ(raw(refused), "") << refused;
-    EXPECT_EQ(result_, refused.size() <= 4 ? kResultBadPacket : kResultRawDataNotFound) << refused;
+    EXPECT_EQ(result_, refused.size() < 4 ? kResultBadPacket : kResultRawDataNotFound) << refused;
   }
+  // A bare type prefix matches every file: four items, then the closing packet.
+  EXPECT_EQ(raw("qdtv").size(), wire.size() + kZudDataSize + 25 + kDay.size());
+  EXPECT_EQ(result_, 0);
 }
 
 }  // namespace
