@@ -1,10 +1,11 @@
 #include "delivery/queries.h"
 
+#include <sys/stat.h>
 #include <sys/statvfs.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
 
 #include "core/log.h"
 #include "wire/socket_io.h"
@@ -23,6 +24,15 @@ bool free_kb(const std::string& path, int64_t& out_kb) {
   if (::statvfs(path.c_str(), &vfs) != 0) return false;
   out_kb = static_cast<int64_t>(static_cast<double>(vfs.f_bavail) * static_cast<double>(vfs.f_frsize) / 1024.0);
   return true;
+}
+
+// Creates `path` and its missing parents with mode 0744 (less the umask).
+// Directories that already exist keep their mode.
+void make_directories(const std::string& path) {
+  for (size_t end = path.find('/', 1); ; end = path.find('/', end + 1)) {
+    (void)::mkdir(path.substr(0, end).c_str(), 0744);
+    if (end == std::string::npos) return;
+  }
 }
 
 }  // namespace
@@ -52,10 +62,7 @@ int get_diskspace_free_kb(const std::string& path, int64_t& out_kb) {
   out_kb = 0;
   if (free_kb(path, out_kb)) return 1;
   log_printf("E-REQ-DISKSPACE", "statvfs(%s) error: %s", path.c_str(), std::strerror(errno));
-  std::error_code ec;
-  std::filesystem::create_directories(path, ec);
-  if (!ec)
-    std::filesystem::permissions(path, std::filesystem::perms(0744), std::filesystem::perm_options::replace, ec);
+  make_directories(path);
   if (free_kb(path, out_kb)) return 1;
   out_kb = 0;
   return 0;
@@ -65,9 +72,11 @@ int process_getdiskspace_request(int fd, const AgentSettings&, const std::string
                                  int length) {
   std::string path(reinterpret_cast<const char*>(payload), length > 0 ? static_cast<size_t>(length) : 0);
   path = path.c_str();  // the path ends at its first NUL
+  // A full file system answers "0": only a path that cannot be queried is
+  // unknown.
   std::string answer = "Unknown";
   int64_t kb = 0;
-  if (!path.empty() && get_diskspace_free_kb(path, kb) == 1 && kb >= 1)
+  if (!path.empty() && get_diskspace_free_kb(path, kb) == 1)
     answer = string_printf("%ld", static_cast<long>(static_cast<double>(kb) / 1000.0));
   log_printf("I-DISKSPACE", "Returning:  %s (MB)", answer.c_str());
   send_answer(fd, answer);
