@@ -148,8 +148,13 @@ TEST_F(DataRequest, PerfRequestFailuresSendNothingAndRunNothing) {
   EXPECT_EQ(count_in_log("I-PERF_COMMAND"), 1);
 }
 
-TEST_F(DataRequest, NodeRequestRefusesShortPayloadsAndHostPaths) {
+TEST_F(DataRequest, NodeRequestTakesHostAndOsTextOrRefusesShortPayloads) {
   const std::string times = field("05-Mar-2024:11:00", 18) + field("05-Mar-2024:11:59", 18) + le16(30);
+  const auto node = [&](const std::string& payload) {
+    const auto* bytes = reinterpret_cast<const unsigned char*>(payload.data());
+    const int n = static_cast<int>(payload.size());
+    return exchange([&](int fd) { return process_perf_node_request(fd, s_, "127.0.0.1", bytes, n, buffer_, age_); });
+  };
   const std::pair<std::string, std::string> rows[] = {
       {"05-Mar", "Failed to read start_time from packet"},
       {times.substr(0, 30), "Failed to read end_time from packet"},
@@ -158,12 +163,20 @@ TEST_F(DataRequest, NodeRequestRefusesShortPayloadsAndHostPaths) {
   };
   for (const auto& [payload, message] : rows) {
     const int seen = count_in_log(message);
-    const auto* bytes = reinterpret_cast<const unsigned char*>(payload.data());
-    const int n = static_cast<int>(payload.size());
-    EXPECT_EQ(exchange([&](int fd) { return process_perf_node_request(fd, s_, "127.0.0.1", bytes, n, buffer_, age_); }),
-              "");
+    EXPECT_EQ(node(payload), "");
     EXPECT_EQ(result_, kResultBadPacket) << message;
     EXPECT_EQ(count_in_log(message), seen + 1) << message;
+  }
+
+  if (!have_kovaperf_) GTEST_SKIP() << "stand-in kovaperf not built in " << KOVA_DEMO_BIN_DIR;
+  // 70 bytes carry no OS text: this platform's own file; "SunOS Solaris 10" names the SPARC one.
+  const std::string sparc = "1709632800 2024-03-05 11:00:00 9.99 9.99 9.99 100 999\n";
+  test::write_file(s_.data_dir + "/qdts_web1_2024Mar05.zud-1", sparc);
+  const std::string own = kDay.substr(0, kDay.find('\n') + 1);
+  for (const auto& [os, range] : {std::pair{std::string(), own}, {std::string("SunOS Solaris 10"), sparc}}) {
+    EXPECT_EQ(node(times + field("web1", 32) + os),
+              (std::string{6, 0, 0, 0, 0, 0, static_cast<char>(range.size()), 0} + range)) << log_text();
+    EXPECT_EQ(std::tuple(result_, age_), std::tuple(0, 30)) << os;
   }
 }
 
