@@ -1,9 +1,11 @@
-// A performance data request against the real binary, with the stand-in
-// extraction tool in the install tree. It waits the request's real pause.
+// Performance data requests against the real binary, with the stand-in
+// extraction tool in the install tree. They wait the request's real pause,
+// side by side.
 #include <gtest/gtest.h>
 
 #include <ctime>
 #include <filesystem>
+#include <future>
 #include <string>
 
 #include "support/agent_process.h"
@@ -21,7 +23,7 @@ std::string local_text(const char* format, std::time_t when) {
 
 std::string field(const std::string& text, size_t width) { return text + std::string(width - text.size(), '\0'); }
 
-TEST(PerfRequest, TodaysRangeComesBackBehindItsHeaderAndTheWorkFileGoes) {
+TEST(PerfRequest, TodaysRangeComesBackBehindItsHeaderTheWorkFileGoesAndOldDataIsPurged) {
   InstallTree tree;
   std::error_code ec;
   std::filesystem::copy_file(std::string(KOVA_DEMO_BIN_DIR) + "/kovaperf", tree / "bin/kovaperf", ec);
@@ -36,23 +38,40 @@ TEST(PerfRequest, TodaysRangeComesBackBehindItsHeaderAndTheWorkFileGoes) {
   const std::string other_day = "1600000000 " + local_text("%Y-%m-%d", now - 2 * 86400) +
                                 " 12:00:00 0.10 0.10 0.10 900000 200\n";
   write_file(tree / ("data/qdtsx_" + host + "_" + local_text("%Y%b%d", now) + ".zud-1"), other_day + in_range);
+  const std::string old_own = tree / ("data/qdtsx_" + host + "_2012Feb01.zud-1");
+  const std::string old_other = tree / "data/qdtsx_otherhost_2012Feb01.zud-1";
+  for (const std::string& old : {old_own, old_other}) {
+    write_file(old, other_day);
+    set_mtime(old, now - 400 * 86400);
+  }
 
   RunningAgent agent(tree, free_port());
   ASSERT_TRUE(agent.started()) << agent.launch().err;
-  const std::string day = local_text("%d-%b-%Y", now);
-  const std::string args = field(day + ":00:00", 18) + field(day + ":23:59", 18) + std::string(2, '\0');
-  const std::string reply = round_trip(agent.port(), request_packet(1, args), std::chrono::seconds(30));
+  const auto perf = [&](const std::string& day) {
+    const std::string purge_age = {5, 0};
+    const std::string args = field(day + ":00:00", 18) + field(day + ":23:59", 18) + purge_age;
+    return std::async(std::launch::async,
+                      [&, args] { return round_trip(agent.port(), request_packet(1, args), std::chrono::seconds(30)); });
+  };
+  auto todays = perf(local_text("%d-%b-%Y", now));
+  auto without_data = perf("01-Jan-2001");
 
-  if (reply.empty() && tree.log().find("Request 1 is not served") != std::string::npos)
-    GTEST_SKIP() << "the dispatcher does not route opcode 1 to process_perf_request yet";
   const std::string header = {6, 0, 0, 0, 0, 0, static_cast<char>(in_range.size() & 0xff),
                               static_cast<char>(in_range.size() >> 8)};
-  EXPECT_EQ(hex(reply), hex(header + in_range)) << tree.log();
+  EXPECT_EQ(hex(todays.get()), hex(header + in_range)) << tree.log();
+  EXPECT_EQ(hex(without_data.get()), "05000c0000000000");  // ERR 12
   const std::string log = tree.log();
   EXPECT_NE(log.find("I-REQ_PERF,    PERF request from 127.0.0.1\n"), std::string::npos) << log;
   EXPECT_NE(log.find(".perf) transfered. (" + std::to_string(in_range.size())), std::string::npos) << log;
+  EXPECT_NE(log.find("Data file not found: " + tree / ("data/qdtsx_" + host + "_2001Jan01.zud-1\n")),
+            std::string::npos) << log;
+  EXPECT_NE(log.find("E-PERF,        Problem sending .PERF :  zud data file not found.\n"), std::string::npos) << log;
+  EXPECT_EQ(log.find("I-PERF_COMMAND"), log.rfind("I-PERF_COMMAND")) << log;  // the tool ran once
   for (const auto& entry : std::filesystem::directory_iterator(tree / "tmp"))
     EXPECT_NE(entry.path().extension(), ".perf") << entry.path();
+  // Fetched by the controlling server: this host's files older than the purge age go.
+  EXPECT_FALSE(file_exists(old_own));
+  EXPECT_TRUE(file_exists(old_other));
 }
 
 }  // namespace
