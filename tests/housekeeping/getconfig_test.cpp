@@ -1,10 +1,14 @@
 #include "housekeeping/getconfig.h"
 
 #include <gtest/gtest.h>
+#include <sys/utsname.h>
 
+#include <algorithm>
+#include <cstdio>
 #include <filesystem>
 #include <map>
 #include <sstream>
+#include <thread>
 
 #include "support/temp_dir.h"
 
@@ -58,6 +62,22 @@ TEST(GetConfig, EveryLineInOrderFromThisHostAndTheComponentsSettings) {
   for (const auto& [key, value] : expected) EXPECT_EQ(v[key], value) << key;
   const double total = std::stod(v["CollectorDataDiskSpaceTotal"]), free = std::stod(v["CollectorDataDiskSpaceFree"]);
   EXPECT_TRUE(total > 0 && free <= total && v["CollectorDataDiskSpaceTotal"].ends_with(" MB"));
+
+  // This host's own figures, against what the kernel tells anyone who asks.
+  utsname uts{};
+  ASSERT_EQ(::uname(&uts), 0);
+  const std::string meminfo = test::read_file("/proc/meminfo");
+  char memory[32];
+  std::snprintf(memory, sizeof memory, "%.0f:MB", std::stod(meminfo.substr(meminfo.find(':') + 1)) / 1024);
+  EXPECT_EQ(v["SystemName"] + "|" + v["SystemOSversion"] + "|" + v["SystemMemoryTotalCapacity"],
+            std::string(uts.nodename) + "|" + uts.release + "|" + memory);
+  EXPECT_GE(std::stoi(v["SystemProcessorCount"]), static_cast<int>(std::max(1u, std::thread::hardware_concurrency())));
+  bool hardware_disk = false;
+  std::error_code ec;
+  for (const auto& entry : std::filesystem::directory_iterator("/sys/block", ec))
+    hardware_disk |= std::filesystem::exists(entry.path() / "device", ec);
+  EXPECT_GE(std::stoi(v["SystemDiskCount"]), hardware_disk ? 1 : 0);
+  EXPECT_FALSE(v["SystemModel"].empty());
 
   // MeasureWare as the source, no real-time agent, an unsizable data directory, a path of its own; then a bad path.
   ConfigPrograms mwa{dir / "no-kovarta", dir / "perf agent's mwa"};  // a name a shell would split and unquote
