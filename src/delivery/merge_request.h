@@ -28,7 +28,8 @@ namespace kova {
 // form DD-Mon-YYYY:HH:MM. Needs the memory file; makes and sends the
 // ".merg" file, then deletes both outputs unless keep_perf. Returns 0, 1 or
 // 2 from the transfer, 9 bad payload, 11 no memory file, 12 no data file,
-// 13 no vorn_analyze. Sends nothing on failure: the caller reports it.
+// 13 no vorn_analyze. A failure before the transfer sends nothing (a
+// missing ".merg" goes out as the empty header); the caller reports it.
 [[nodiscard]] int process_merg_request(int socket, const AgentSettings& settings, const std::string& peer,
                                        const unsigned char* payload, int length, PacketBuffer& buffer);
 

@@ -75,8 +75,9 @@ std::string perf_data_file_name(const std::string& host, const std::string& os, 
 // into the collector's settings file. Needs the memory file; makes, sends
 // and (unless keep_perf) deletes the ".perf" file for this host. Returns 0,
 // 1 or 2 from the transfer, 9 bad times, 11 no memory file, 12 no data
-// file, 16 tool not started. Sends nothing on failure: the caller sends
-// the error packet, and on success purges (purge_fetched_data_files).
+// file, 16 tool not started. A failure before the transfer sends nothing
+// (a missing ".perf" goes out as the empty header); the caller sends the
+// error packet, and on success purges (purge_fetched_data_files).
 [[nodiscard]] int process_perf_request(int socket, const AgentSettings& settings, const std::string& peer,
                                        const PacketBuffer& request, PacketBuffer& buffer, int& zud_age);
 
