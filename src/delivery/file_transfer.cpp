@@ -44,7 +44,7 @@ void send_header(int socket, PacketBuffer& buffer, int64_t blocks, int64_t last)
   Packet_CreateINF(blocks, last, buffer);
   // The transfer goes on after a failed header write: the server may still
   // take the bytes, and a dead connection fails the first block anyway.
-  if (Socket_writen(socket, buffer.data(), kInfSize) != static_cast<ssize_t>(kInfSize))
+  if (Socket_writen(socket, buffer.data(), kInfSize) < 0)
     write_to_log("E-SENDFILE", "Error returning header packet...");
 }
 
@@ -191,35 +191,33 @@ int receive_ascii_file(int socket, const AgentSettings& settings, const std::str
   // A header cut short is as unusable as one not read at all.
   if (Socket_readn(socket, buffer.data(), kInfSize, settings.verbose) != static_cast<ssize_t>(kInfSize))
     return kTransferReadFailed;
-  // Both fields are signed on the wire; a negative count means none.
-  const int64_t blocks = std::max<int32_t>(0, Packet_CheckLONG(buffer, 2));
-  const int64_t last = std::max<int16_t>(0, Packet_CheckOPCODE(buffer, 6));
+  // Both fields are signed on the wire: a count below 1 means no blocks.
+  const int32_t blocks = Packet_CheckLONG(buffer, 2);
+  const int16_t last = Packet_CheckOPCODE(buffer, 6);
 
-  const int64_t full_bytes = blocks * kTransferBlockSize;
-  std::vector<unsigned char> chunk(static_cast<size_t>(kTransferBlockSize * kBlocksPerChunk));
-  int64_t received = 0;
-  while (received < full_bytes) {
-    const int64_t want = std::min<int64_t>(static_cast<int64_t>(chunk.size()), full_bytes - received);
-    const ssize_t got = Socket_readn(socket, chunk.data(), static_cast<size_t>(want), settings.verbose);
-    // Blocks that arrived whole are kept, as a block-by-block receiver would.
-    const int64_t keep = got == want ? want : std::max<ssize_t>(got, 0) / kTransferBlockSize * kTransferBlockSize;
-    if (keep > 0 && !write_full(out.get(), chunk.data(), keep)) {
+  // Block by block, so that a connection lost mid-file leaves every block
+  // that arrived whole in the file, and nothing of the one cut short.
+  for (int32_t i = 0; i < blocks; ++i) {
+    if (Socket_readn(socket, buffer.data(), kPacketSize, settings.verbose) != static_cast<ssize_t>(kPacketSize))
+      return kTransferReadFailed;
+    if (!write_full(out.get(), buffer.data(), kPacketSize)) {
       log_printf("E-WRITE", "Write to file %s failed : %s", path.c_str(), std::strerror(errno));
       return kTransferWriteFailed;
     }
-    if (got != want) return kTransferReadFailed;
-    received += want;
   }
   if (last > 0) {
-    if (Socket_readn(socket, chunk.data(), static_cast<size_t>(last), settings.verbose) != last)
-      return kTransferReadFailed;
-    if (!write_full(out.get(), chunk.data(), last)) {
+    // A sender that keeps to the block size announces less than a block,
+    // but the field allows up to 32767 bytes.
+    std::vector<unsigned char> tail(static_cast<size_t>(last));
+    if (Socket_readn(socket, tail.data(), tail.size(), settings.verbose) != last) return kTransferReadFailed;
+    if (!write_full(out.get(), tail.data(), last)) {
       log_printf("W-WRITE", "Write to file %s failed : %s", path.c_str(), std::strerror(errno));
       return kTransferWriteFailed;
     }
   }
   out.reset();
-  log_printf("I-RECVD", "Received:  %s   %lld bytes\n", path.c_str(), static_cast<long long>(full_bytes + last));
+  log_printf("I-RECVD", "Received:  %s   %lld bytes\n", path.c_str(),
+             static_cast<long long>(blocks) * kTransferBlockSize + last);
   return kTransferOk;
 }
 

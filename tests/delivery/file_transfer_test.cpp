@@ -107,6 +107,16 @@ TEST_F(FileTransfer, ReceiveCutMidFileKeepsTheWholeBlocksAndRefusesAFileItCannot
   EXPECT_EQ(receive(inf_header(3, 10) + body, dir_ / "cut"), kTransferReadFailed);
   EXPECT_EQ(test::read_file(dir_ / "cut"), body.substr(0, 522));
   EXPECT_EQ(count_in_log("I-RECVD"), 0);
+  // A server that stalls mid-file: the read gives up, the whole block stays.
+  SocketPair stalled;
+  const std::string wire = inf_header(3, 0) + body;
+  ASSERT_EQ(::write(stalled.peer.get(), wire.data(), wire.size()), static_cast<ssize_t>(wire.size()));
+  EXPECT_EQ(receive_ascii_file(stalled.agent.get(), settings_, dir_ / "stalled", "127.0.0.1", buffer_, spare_, 0, 0),
+            kTransferReadFailed);
+  EXPECT_EQ(test::read_file(dir_ / "stalled"), body.substr(0, 522));
+  // A last block longer than a block, as the field allows, arrives whole.
+  EXPECT_EQ(receive(inf_header(0, 1000) + pattern(1000), dir_ / "long"), kTransferOk);
+  EXPECT_EQ(test::read_file(dir_ / "long"), pattern(1000));
   // A header cut short fails before anything is written.
   EXPECT_EQ(receive(std::string("\x06\x00\x01", 3), dir_ / "cut"), kTransferReadFailed);
   EXPECT_EQ(test::read_file(dir_ / "cut"), "");
