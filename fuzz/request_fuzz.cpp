@@ -62,7 +62,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (kova::request_opcode(request) != kova::kOpcodeExtended && (flags & 2) == 0) return 0;
 
   kova::ExtendedRequest ext;
-  const kova::FrameStatus status = kova::read_extended_request(agent.get(), request, ext, verbose);
+  kova::read_extended_tag(request, ext);
+  const kova::FrameStatus status = kova::read_extended_payload(agent.get(), ext, verbose);
   check(ext.tag.back() == '\0' && std::strlen(ext.tag.data()) <= kova::kExtendedTagLength);
   check(ext.length >= 0 && ext.length <= kova::kExtendedPayloadMax);
   if (status == kova::FrameStatus::kOk) {

@@ -180,8 +180,9 @@ int not_served(const char* what) {
 
 int extended_request(int fd, const std::string& address, const PacketBuffer& request, AgentState& state) {
   ExtendedRequest ext;
-  if (read_extended_request(fd, request, ext, state.settings.verbose) != FrameStatus::kOk) return 30;
+  read_extended_tag(request, ext);
   log_printf("I-REQ_EXTEND", "Extended Request %s  from %s", ext.tag.data(), address.c_str());
+  if (read_extended_payload(fd, ext, state.settings.verbose) != FrameStatus::kOk) return 30;
 
   const AgentSettings& s = state.settings;
   switch (match_extended_tag(ext.tag.data())) {

@@ -43,12 +43,14 @@ ExtendedTag match_extended_tag(const char* tag) {
   return ExtendedTag::kUnknown;
 }
 
-FrameStatus read_extended_request(int fd, const PacketBuffer& request, ExtendedRequest& out, int verbose) {
+void read_extended_tag(const PacketBuffer& request, ExtendedRequest& out) {
+  Packet_CheckString(std::span(request).subspan(kExtendedTagOffset), out.tag, kExtendedTagLength);
+}
+
+FrameStatus read_extended_payload(int fd, ExtendedRequest& out, int verbose) {
   out.payload.fill(0);
   out.declared = 0;
   out.length = 0;
-  Packet_CheckString(std::span(request).subspan(kExtendedTagOffset), out.tag, kExtendedTagLength);
-
   clock_sleep(kExtendedPause);
 
   std::array<unsigned char, 2> length_field{};

@@ -77,12 +77,14 @@ enum class FrameStatus {
   kPayloadShort,   // the payload ended before its declared length
 };
 
-// Reads the rest of an extended request whose 40-byte request is in
-// `request`: takes the tag, pauses kExtendedPause seconds (clock_sleep),
-// reads the 2-byte length and, when it is positive, that many payload
-// bytes. A length of 0 or below means no payload. Every status but kOk is
-// a bad packet already logged here; the caller sends no reply.
-[[nodiscard]] FrameStatus read_extended_request(int fd, const PacketBuffer& request, ExtendedRequest& out,
-                                                int verbose);
+// Copies the tag of the extended request in `request` (37 bytes from
+// offset 2) into out.tag, always terminated.
+void read_extended_tag(const PacketBuffer& request, ExtendedRequest& out);
+
+// Reads the rest of an extended request: pauses kExtendedPause seconds
+// (clock_sleep), reads the 2-byte length and, when it is positive, that many
+// payload bytes. A length of 0 or below means no payload. Every status but
+// kOk is a bad packet already logged here; the caller sends no reply.
+[[nodiscard]] FrameStatus read_extended_payload(int fd, ExtendedRequest& out, int verbose);
 
 }  // namespace kova

@@ -129,6 +129,11 @@ TEST(Protocol, HostileInputNeverEndsTheAgent) {
   std::string log = tree.log();
   EXPECT_NE(log.find("I-BADPACKET"), std::string::npos);
   EXPECT_NE(log.find("W-BADPACKET,   Failed to read extended packet length"), std::string::npos);
+  // Every extended request is logged before its length is read, bad packets too.
+  size_t logged = 0;
+  for (size_t at = 0; (at = log.find("I-REQ_EXTEND,  Extended Request GET_AGENT_OS  from", at)) != std::string::npos; ++at)
+    ++logged;
+  EXPECT_EQ(logged, 7u);
 }
 
 TEST(Protocol, TheMemoryFileArrivesByteForByte) {
