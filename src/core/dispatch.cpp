@@ -172,7 +172,8 @@ int perf_request(int fd, const std::string& address, const PacketBuffer& request
   return result;
 }
 
-// A request this agent does not serve yet: logged, connection closed.
+// A request this agent does not serve yet: logged, and the connection
+// closed without the acknowledgement, which would promise data.
 int not_served(const char* what) {
   log_printf("W-NOT_SERVED", "Request %s is not served by this agent", what);
   return 30;
@@ -222,18 +223,10 @@ int extended_request(int fd, const std::string& address, const PacketBuffer& req
     case ExtendedTag::kDiskSpace:
       (void)socketsend_char_status(fd, 0);
       return process_getdiskspace_request(fd, s, address, ext.payload.data(), ext.length);
-    case ExtendedTag::kUpdateData:
-      (void)socketsend_char_status(fd, 0);
-      return not_served("<UPDATE_DATA>");
-    case ExtendedTag::kDcStatNode:
-      (void)socketsend_char_status(fd, 0);
-      return not_served("DCSTAT_NODE");
-    case ExtendedTag::kDcStopNode:
-      (void)socketsend_char_status(fd, 0);
-      return not_served("DCSTOP_NODE");
-    case ExtendedTag::kDcStartNode:
-      (void)socketsend_char_status(fd, 0);
-      return not_served("DCSTART_NODE");
+    case ExtendedTag::kUpdateData: return not_served("<UPDATE_DATA>");
+    case ExtendedTag::kDcStatNode: return not_served("DCSTAT_NODE");
+    case ExtendedTag::kDcStopNode: return not_served("DCSTOP_NODE");
+    case ExtendedTag::kDcStartNode: return not_served("DCSTART_NODE");
     case ExtendedTag::kMemoryNode:
       (void)socketsend_char_status(fd, kResultMemoryNode);
       return 30;
