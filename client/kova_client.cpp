@@ -19,11 +19,6 @@ namespace {
 
 Status failure(Error error, std::string message, int code = 0) { return Status{error, code, std::move(message)}; }
 
-Status error_packet(std::span<const unsigned char> bytes) {
-  int code = Packet_CheckOPCODE(bytes, 2);
-  return failure(Error::kErrorPacket, "agent error " + std::to_string(code) + ": " + result_text(code), code);
-}
-
 bool resolve_ipv4(const std::string& host, in_addr& out) {
   if (::inet_pton(AF_INET, host.c_str(), &out) == 1) return true;
   addrinfo hints{};
@@ -37,6 +32,11 @@ bool resolve_ipv4(const std::string& host, in_addr& out) {
 }
 
 }  // namespace
+
+Status error_packet(std::span<const unsigned char> bytes) {
+  int code = Packet_CheckOPCODE(bytes, 2);
+  return failure(Error::kErrorPacket, "agent error " + std::to_string(code) + ": " + result_text(code), code);
+}
 
 Request::Request(int opcode) { put_short(0, opcode); }
 
@@ -257,10 +257,14 @@ Status Connection::push_memory_file(std::span<const unsigned char> bytes) {
   if (got < ack.size()) return failure(Error::kShortReply, "short acknowledgement: " + std::to_string(got) + " of 10 bytes");
   if (ack[0] != 0 || ack[1] != kPacketMemAck) return failure(Error::kBadReply, "not a memory acknowledgement");
   if (Status st = push_file(bytes); !st.ok()) return st;
+  return read_verdict();
+}
+
+Status Connection::read_verdict() {
   std::vector<unsigned char> verdict;
   if (Status st = read_to_end(verdict, 64); !st.ok()) return st;
   if (verdict.size() >= 4 && Packet_CheckOPCODE(verdict) == kPacketErr) return error_packet(verdict);
-  if (!verdict.empty()) return failure(Error::kBadReply, "unexpected bytes after the memory file");
+  if (!verdict.empty()) return failure(Error::kBadReply, "unexpected bytes after the reply");
   return {};
 }
 

@@ -103,6 +103,10 @@ class Connection {
   [[nodiscard]] Status receive_file_to_buffer(std::vector<unsigned char>& out, TransferInfo& info,
                                               size_t max_bytes = kDefaultReplyMax);
 
+  // What the agent sends after a request's data until it closes: nothing,
+  // or an ERR packet (kErrorPacket with its code); anything else is kBadReply.
+  [[nodiscard]] Status read_verdict();
+
   // Sends a file to the agent: the INF header, then the bytes.
   [[nodiscard]] Status push_file(std::span<const unsigned char> bytes);
   // The memory file (opcode 2 already sent): waits for the 10-byte
@@ -119,6 +123,9 @@ class Connection {
   size_t record_limit_ = 0;
   std::vector<unsigned char> transcript_;
 };
+
+// The failure an ERR packet stands for: kErrorPacket with its result code.
+Status error_packet(std::span<const unsigned char> bytes);
 
 // Reads a whole local file; false when it cannot be read.
 [[nodiscard]] bool read_local_file(const std::string& path, std::vector<unsigned char>& out);

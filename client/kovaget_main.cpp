@@ -51,6 +51,10 @@ bool parse_int(const std::string& text, long low, long high, long& out) {
   return true;
 }
 
+std::span<const unsigned char> bytes_of(std::string_view text) {
+  return {reinterpret_cast<const unsigned char*>(text.data()), text.size()};
+}
+
 int fail(const Status& st) {
   std::fprintf(stderr, "kovaget: %s\n", st.message.c_str());
   return st.error == kova::client::Error::kErrorPacket ? 3 : 1;
@@ -225,40 +229,35 @@ int run_ext(Session& s, const Args& a) {
   Status st = Connection::open(s.options.host, s.options.port, s.connection, s.options.timeout_ms);
   if (!st.ok()) return fail(st);
   s.connection.record(kRecordLimit);
-  st = s.connection.send_extended(a[0], std::span(reinterpret_cast<const unsigned char*>(payload.data()), payload.size()));
+  st = s.connection.send_extended(a[0], bytes_of(payload));
   std::vector<unsigned char> reply;
   if (st.ok()) st = s.connection.read_to_end(reply);
   if (!st.ok()) return fail_after_raw(s, st);
   if (print_raw(s)) return 0;
-  if (reply.empty()) {
-    std::printf("(no reply)\n");
-    return 0;
-  }
-  if (reply.size() < kova::kStatusSize) return fail(Status{kova::client::Error::kShortReply, 0, "short reply"});
+  // Every extended request the agent takes is answered; silence is a refusal.
+  if (reply.size() < kova::kStatusSize)
+    return fail(Status{kova::client::Error::kShortReply, 0,
+                       "short reply: " + std::to_string(reply.size()) + " of 8 bytes before the agent closed"});
   const int status = kova::Packet_CheckOPCODE(reply);
-  if (status == kova::kPacketErr) {
-    const int code = kova::Packet_CheckOPCODE(reply, 2);
-    return fail(Status{kova::client::Error::kErrorPacket, code,
-                       "agent error " + std::to_string(code) + ": " + kova::result_text(code)});
-  }
+  if (status == kova::kPacketErr) return fail(kova::client::error_packet(reply));
   std::printf("status: %s\n", kova::client::extended_status_words(status).c_str());
   return deliver_rest(s, std::span(reply).subspan(kova::kStatusSize));
 }
 
-// A transferred file: stored with -o, else written to standard output.
+// A transferred file: stored with -o, else written to standard output. A
+// file the agent could not send comes as an empty transfer followed by an
+// ERR packet, which makes this a failure.
 int take_file(Session& s, const char* what) {
   kova::client::TransferInfo info;
-  Status st;
-  if (!s.options.out_path.empty()) {
-    st = s.connection.receive_file_to_path(s.options.out_path, info);
-    if (!st.ok()) return fail(st);
-    std::printf("%s: %lld bytes written to %s\n", what, static_cast<long long>(info.size()), s.options.out_path.c_str());
-    return 0;
-  }
   std::vector<unsigned char> bytes;
-  st = s.connection.receive_file_to_buffer(bytes, info);
+  Status st = s.options.out_path.empty() ? s.connection.receive_file_to_buffer(bytes, info)
+                                         : s.connection.receive_file_to_path(s.options.out_path, info);
+  if (st.ok()) st = s.connection.read_verdict();
   if (!st.ok()) return fail(st);
-  std::fwrite(bytes.data(), 1, bytes.size(), stdout);
+  if (s.options.out_path.empty())
+    std::fwrite(bytes.data(), 1, bytes.size(), stdout);
+  else
+    std::printf("%s: %lld bytes written to %s\n", what, static_cast<long long>(info.size()), s.options.out_path.c_str());
   return 0;
 }
 
@@ -270,6 +269,42 @@ std::string today(const char* hour_minute) {
   char day[32];
   std::strftime(day, sizeof day, "%d-%b-%Y:", &local);
   return std::string(day) + hour_minute;
+}
+
+// Extended requests by name: the tag and payload, then the agent's 8-byte
+// status, which must be `expected`; anything else is the agent's refusal.
+Status ext_request(Session& s, const char* tag, std::string_view payload, int expected) {
+  Status st = Connection::open(s.options.host, s.options.port, s.connection, s.options.timeout_ms);
+  if (!st.ok()) return st;
+  s.connection.record(kRecordLimit);
+  st = s.connection.send_extended(tag, bytes_of(payload));
+  std::array<unsigned char, kova::kStatusSize> status{};
+  if (st.ok()) st = s.connection.read_reply(status, -1);
+  if (!st.ok()) return st;
+  const int code = kova::Packet_CheckOPCODE(status);
+  if (code != expected)
+    return Status{kova::client::Error::kErrorPacket, code,
+                  std::string("agent answered ") + tag + " with " + kova::client::extended_status_words(code)};
+  return st;
+}
+
+// Text fields of `width` bytes, zero-padded, as node requests carry them.
+std::string fields(const Args& a, size_t width) {
+  std::string out;
+  for (const std::string& field : a) {
+    out += field.substr(0, width);
+    out.append(width - std::min(width, field.size()), '\0');
+  }
+  return out;
+}
+
+// Extended requests answered by a transferred file, with no status first.
+int ext_file(Session& s, const char* tag, const std::string& payload, const char* what) {
+  Status st = Connection::open(s.options.host, s.options.port, s.connection, s.options.timeout_ms);
+  if (st.ok())
+    st = s.connection.send_extended(tag, bytes_of(payload));
+  if (!st.ok()) return fail(st);
+  return take_file(s, what);
 }
 
 // perf [START END [AGE]]: the extracted performance data of a time range
@@ -294,28 +329,23 @@ int run_config(Session& s, const Args&) {
 
 // merge [START END]: the merged report of a time range (default: today).
 int run_merge(Session& s, const Args& a) {
-  std::string payload(36, '\0');
   const std::string start = a.size() > 0 ? a[0] : today("00:00");
   const std::string end = a.size() > 1 ? a[1] : today("23:59");
-  payload.replace(0, std::min<size_t>(start.size(), 18), start.substr(0, 18));
-  payload.replace(18, std::min<size_t>(end.size(), 18), end.substr(0, 18));
-  Status st = Connection::open(s.options.host, s.options.port, s.connection, s.options.timeout_ms);
-  if (st.ok())
-    st = s.connection.send_extended("<MERG>", std::span(reinterpret_cast<const unsigned char*>(payload.data()),
-                                                        payload.size()));
-  if (!st.ok()) return fail(st);
-  return take_file(s, "merged report");
+  return ext_file(s, "<MERG>", fields({start, end}, 18), "merged report");
 }
 
-// raw NAME: the collector's data files that match NAME less its four-letter
-// type prefix, each behind a 10-byte packet and its name, then a closing
-// packet. Stored under their own names in the -o directory, else listed.
+// raw NAME [MODE]: the collector's data files that match NAME less its
+// four-letter type prefix, each behind a 10-byte packet and its name, then a
+// closing packet. Stored under their own names in the -o directory, else
+// listed. Mode 1 asks with opcode 13 instead of 8; the answer is the same.
 int run_raw(Session& s, const Args& a) {
   const std::string& name = a[0];
-  Request r(8);
+  long mode = 0;
+  if (a.size() > 1 && !parse_int(a[1], 0, 1, mode)) return bad_argument("MODE " + a[1]);
+  Request r(mode == 0 ? 8 : 13);
   r.put_short(2, static_cast<int>(name.size()));
   Status st = connect_and_send(s, r);
-  if (st.ok()) st = s.connection.send_bytes(std::span(reinterpret_cast<const unsigned char*>(name.data()), name.size()));
+  if (st.ok()) st = s.connection.send_bytes(bytes_of(name));
   if (!st.ok()) return fail(st);
   for (int files = 0;; ++files) {
     std::array<unsigned char, 10> item{};
@@ -323,11 +353,7 @@ int run_raw(Session& s, const Args& a) {
       st = s.connection.read_exact(std::span(item).first(8));
       return st.ok() ? kova::Packet_CheckOPCODE(item) : -1;
     }();
-    if (code == kova::kPacketErr) {
-      const int result = kova::Packet_CheckOPCODE(item, 2);
-      return fail(Status{kova::client::Error::kErrorPacket, result,
-                         "agent error " + std::to_string(result) + ": " + kova::result_text(result)});
-    }
+    if (code == kova::kPacketErr) return fail(kova::client::error_packet(item));
     if (st.ok()) st = s.connection.read_exact(std::span(item).subspan(8));
     if (!st.ok()) return fail(st);
     if (code == 4) {  // the closing packet
@@ -337,6 +363,8 @@ int run_raw(Session& s, const Args& a) {
     if (code != 3) return fail(Status{kova::client::Error::kBadReply, 0, "unexpected packet " + std::to_string(code)});
     const int64_t size = static_cast<int64_t>(kova::Packet_CheckLONG(item, 2)) * 522 +
                          static_cast<uint16_t>(kova::Packet_CheckOPCODE(item, 6));
+    if (size < 0 || static_cast<uint64_t>(size) > kova::client::kDefaultReplyMax)
+      return fail(Status{kova::client::Error::kBadReply, 0, "bad file size " + std::to_string(size)});
     std::string file_name(static_cast<size_t>(kova::Packet_CheckOPCODE(item, 8)), '\0');
     if (st = s.connection.read_exact(std::span(reinterpret_cast<unsigned char*>(file_name.data()), file_name.size()));
         !st.ok())
@@ -357,6 +385,76 @@ int run_raw(Session& s, const Args& a) {
     std::printf("%s: %lld bytes written\n", path.c_str(), static_cast<long long>(size));
   }
 }
+
+// The small answers: a 32-byte text field after the acknowledgement.
+int text_answer(Session& s, const char* tag, std::string_view payload, const char* what) {
+  std::array<unsigned char, 32> field{};
+  Status st = ext_request(s, tag, payload, kova::kResultOk);
+  if (st.ok()) st = s.connection.read_exact(field);
+  if (!st.ok()) return fail_after_raw(s, st);
+  if (!print_raw(s))
+    std::printf("%s: %s\n", what, std::string(reinterpret_cast<const char*>(field.data()), 32).c_str());
+  return 0;
+}
+
+int run_agentversion(Session& s, const Args&) { return text_answer(s, "GET_AGENT_VERSION", "", "agent version"); }
+int run_release(Session& s, const Args&) { return text_answer(s, "GET_AGENT_RELEASE", "", "agent release"); }
+int run_agentos(Session& s, const Args&) { return text_answer(s, "GET_AGENT_OS", "", "operating system"); }
+int run_diskspace(Session& s, const Args& a) { return text_answer(s, "<DISKSPACE>", a[0], "free megabytes"); }
+
+int run_memorynode(Session& s, const Args&) {
+  Status st = ext_request(s, "MEMORY_NODE", "", kova::kResultMemoryNode);
+  if (!st.ok()) return fail_after_raw(s, st);
+  if (!print_raw(s)) std::printf("status: %s\n", kova::client::extended_status_words(kova::kResultMemoryNode).c_str());
+  return 0;
+}
+
+// sysconfig HOST: the configuration report of this host or of a node.
+int run_sysconfig(Session& s, const Args& a) {
+  Status st = ext_request(s, "SYSCONFIG_NODE", a[0], kova::kResultOk);
+  if (!st.ok()) return fail(st);
+  return take_file(s, "configuration report");
+}
+
+// perfnode HOST [OS [START END [AGE]]]: performance data of a node's day.
+int run_perfnode(Session& s, const Args& a) {
+  const std::string os = a.size() > 1 ? a[1] : "";
+  const std::string start = a.size() > 2 ? a[2] : today("00:00");
+  const std::string end = a.size() > 3 ? a[3] : today("23:59");
+  long age = 14;
+  if (a.size() > 4 && !parse_int(a[4], -32768, 32767, age)) return bad_argument("AGE " + a[4]);
+  const std::string age_field{static_cast<char>(age & 0xff), static_cast<char>((age >> 8) & 0xff)};
+  return ext_file(s, "PERF_NODE", fields({start, end}, 18) + age_field + fields({a[0]}, 32) + os, "performance data");
+}
+
+// dcstatnode HOST OS DNS: the collector's state for a node.
+int run_dcstatnode(Session& s, const Args& a) {
+  std::array<unsigned char, kova::kDcStatSize> reply{};
+  Status st = ext_request(s, "DCSTAT_NODE", fields(a, 64), kova::kResultOk);
+  if (st.ok()) st = s.connection.read_reply(reply, kova::kPacketDcStat);
+  if (!st.ok()) return fail_after_raw(s, st);
+  kova::client::DcStat d;
+  if (!print_raw(s) && kova::client::decode_dcstat(reply, d))
+    std::printf("data collector on %s: %s, interval %d s, peak interval %d s\n", a[0].c_str(),
+                kova::client::component_status_words(d.dc_status).c_str(), d.dc_interval, d.peak_seconds);
+  return 0;
+}
+
+// dcstopnode HOST OS, dcstartnode HOST OS IP DUMP PEAK: the collector's
+// state afterwards, a 4-byte status in 8 bytes.
+int node_control(Session& s, const char* tag, const Args& a) {
+  std::array<unsigned char, 8> reply{};
+  Status st = ext_request(s, tag, fields(a, 64), kova::kResultOk);
+  if (st.ok()) st = s.connection.read_exact(reply);
+  if (!st.ok()) return fail_after_raw(s, st);
+  if (!print_raw(s))
+    std::printf("data collector on %s: %s\n", a[0].c_str(),
+                kova::client::component_status_words(kova::Packet_CheckLONG(reply)).c_str());
+  return 0;
+}
+
+int run_dcstopnode(Session& s, const Args& a) { return node_control(s, "DCSTOP_NODE", a); }
+int run_dcstartnode(Session& s, const Args& a) { return node_control(s, "DCSTART_NODE", a); }
 
 struct Command {
   const char* name;
@@ -381,9 +479,21 @@ constexpr Command kCommands[] = {
     {"sorlexstop", "", 0, 0, "stop the search agent (opcode 19)", run_sorlexstop},
     {"sorlexstatus", "", 0, 0, "search agent status (opcode 20)", run_sorlexstatus},
     {"perf", "[START END [AGE]]", 0, 3, "performance data of a time range, default today (opcode 1)", run_perf},
-    {"raw", "NAME", 1, 1, "the collector's raw data files matching NAME (opcode 8; -o: a directory)", run_raw},
+    {"raw", "NAME [MODE]", 1, 2, "the collector's raw data files matching NAME (opcode 8, mode 1: 13; -o: a directory)",
+     run_raw},
     {"merge", "[START END]", 0, 2, "the merged report of a time range, default today (<MERG>)", run_merge},
     {"config", "", 0, 0, "the system configuration report (opcode 15)", run_config},
+    {"agentversion", "", 0, 0, "the agent's version text (GET_AGENT_VERSION)", run_agentversion},
+    {"release", "", 0, 0, "the agent's release text (GET_AGENT_RELEASE)", run_release},
+    {"agentos", "", 0, 0, "the agent's operating-system text (GET_AGENT_OS)", run_agentos},
+    {"diskspace", "PATH", 1, 1, "free megabytes of the file system holding PATH (<DISKSPACE>)", run_diskspace},
+    {"sysconfig", "HOST", 1, 1, "the configuration report of HOST (SYSCONFIG_NODE)", run_sysconfig},
+    {"perfnode", "HOST [OS [START END [AGE]]]", 1, 5, "performance data of a node, default today (PERF_NODE)",
+     run_perfnode},
+    {"dcstatnode", "HOST OS DNS", 3, 3, "the data collector's state on a node (DCSTAT_NODE)", run_dcstatnode},
+    {"dcstopnode", "HOST OS", 2, 2, "stop the data collector of a node (DCSTOP_NODE)", run_dcstopnode},
+    {"dcstartnode", "HOST OS IP DUMP PEAK", 5, 5, "start the data collector of a node (DCSTART_NODE)", run_dcstartnode},
+    {"memorynode", "", 0, 0, "the memory-node request (MEMORY_NODE)", run_memorynode},
     {"opcode", "N", 1, 1, "send a bare request with opcode N; print the reply raw (-o: store a file)", run_opcode},
     {"ext", "TAG [PAYLOAD]", 1, 2, "send an extended request (opcode 254)", run_ext},
 };

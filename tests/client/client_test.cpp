@@ -131,8 +131,7 @@ TEST_F(ClientTest, ReceivesFilesTheAgentSends) {
   });
   ASSERT_TRUE(c.receive_file_to_path(dir_ / "got", info).ok());
   EXPECT_EQ(info.size(), 0);
-  std::array<unsigned char, 8> tail{};
-  EXPECT_EQ(c.read_reply(tail, -1).code, kResultPerfFileNotFound);
+  EXPECT_EQ(c.read_verdict().code, kResultPerfFileNotFound);
 }
 
 TEST(Replies, DecodeAndDump) {
