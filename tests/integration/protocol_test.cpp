@@ -21,6 +21,12 @@ std::string le16(int v) { return {static_cast<char>(v & 0xff), static_cast<char>
 
 std::string answer_field(const std::string& text) { return text + std::string(32 - text.size(), '\0'); }
 
+size_t occurrences(const std::string& text, const std::string& needle) {
+  size_t n = 0;
+  for (size_t at = 0; (at = text.find(needle, at)) != std::string::npos; ++at) ++n;
+  return n;
+}
+
 // Runs the requests at once (extended ones pause two seconds each).
 std::vector<std::string> round_trips(int port, const std::vector<std::string>& requests) {
   std::vector<std::future<std::string>> pending;
@@ -78,18 +84,26 @@ TEST(Protocol, OnlyRegisteredServersAreServedBySubstring) {
   EXPECT_EQ(hex(round_trip(listed.port(), request_packet(14))), "0a00060000000000");
 }
 
+// KOVA_DEBUG shows each request child start and finish: the one ended by
+// the terminate request never finishes.
 TEST(Protocol, TerminateEndsOnlyTheRequestChildOfAForkingAgent) {
   InstallTree forking_tree, foreground_tree;
-  RunningAgent forking(forking_tree, free_port());
+  RunningAgent forking(forking_tree, free_port(), {}, {"KOVA_DEBUG=1"});
   RunningAgent foreground(foreground_tree, free_port(), {"-nofork", "-nolock"});
   ASSERT_TRUE(forking.started() && foreground.started());
 
   EXPECT_EQ(round_trip(forking.port(), request_packet(7)), "");
   EXPECT_TRUE(forking.alive());
   EXPECT_EQ(hex(round_trip(forking.port(), request_packet(14))), "0a00060000000000");
+  const std::string log = forking_tree.log();
+  const size_t started = occurrences(log, "Request started: pid ");
+  EXPECT_GE(started, 2u) << log;  // and the harness's readiness probe
+  EXPECT_EQ(occurrences(log, "Request from: 127.0.0.1\n"), started);
+  EXPECT_EQ(occurrences(log, "Request finished: pid "), started - 1);
 
   EXPECT_EQ(round_trip(foreground.port(), request_packet(7)), "");
   EXPECT_TRUE(eventually([&] { return !foreground.alive(); }));
+  EXPECT_EQ(occurrences(foreground_tree.log(), "Request from:"), 0u);  // no KOVA_DEBUG, no detail
 }
 
 TEST(Protocol, HostileInputNeverEndsTheAgent) {
@@ -130,10 +144,7 @@ TEST(Protocol, HostileInputNeverEndsTheAgent) {
   EXPECT_NE(log.find("I-BADPACKET"), std::string::npos);
   EXPECT_NE(log.find("W-BADPACKET,   Failed to read extended packet length"), std::string::npos);
   // Every extended request is logged before its length is read, bad packets too.
-  size_t logged = 0;
-  for (size_t at = 0; (at = log.find("I-REQ_EXTEND,  Extended Request GET_AGENT_OS  from", at)) != std::string::npos; ++at)
-    ++logged;
-  EXPECT_EQ(logged, 7u);
+  EXPECT_EQ(occurrences(log, "I-REQ_EXTEND,  Extended Request GET_AGENT_OS  from"), 7u);
 }
 
 TEST(Protocol, TheMemoryFileArrivesByteForByte) {
