@@ -106,6 +106,21 @@ TEST(Protocol, TerminateEndsOnlyTheRequestChildOfAForkingAgent) {
   EXPECT_EQ(occurrences(foreground_tree.log(), "Request from:"), 0u);  // no KOVA_DEBUG, no detail
 }
 
+// The collector state lines of a status request come on the first
+// registered request after start (here the harness's readiness probe) and
+// then once in every 61.
+TEST(Protocol, StatusRequestsLogTheComponentStatesOnceAPeriod) {
+  InstallTree tree;
+  RunningAgent agent(tree, free_port());
+  ASSERT_TRUE(agent.started());
+  for (int i = 0; i < 59; ++i) ASSERT_EQ(round_trip(agent.port(), request_packet(14)).size(), 8u);
+  for (size_t expected : {0u, 1u, 1u}) {
+    ASSERT_EQ(hex(round_trip(agent.port(), request_packet(6))).substr(0, 4), "0b00");
+    EXPECT_EQ(occurrences(tree.log(), "KOVAAGENT-I_DC_STAT,"), expected);
+    EXPECT_EQ(occurrences(tree.log(), "KOVAAGENT-I-RTA_STAT,"), expected) << tree.log();
+  }
+}
+
 TEST(Protocol, HostileInputNeverEndsTheAgent) {
   InstallTree tree;
   RunningAgent agent(tree, free_port(), {"-verbose"});
