@@ -145,9 +145,8 @@ int sorlex_request(int fd, const std::string& address, int opcode, const AgentSe
   return 30;
 }
 
-int receive_memory_file(int fd, const std::string& address, const PacketBuffer& request, const AgentSettings& s) {
+int receive_memory_file(int fd, const std::string& address, const AgentSettings& s) {
   PacketBuffer buffer{}, spare{};
-  (void)request;
   int result = receive_ascii_file(fd, s, s.memory_file_path, address, buffer, spare, 1, 9);
   if (result != 0) {
     int err = errno;
@@ -252,7 +251,7 @@ int process_request(int fd, const std::string& address, AgentState& state, int p
 
   switch (opcode) {
     case 1: return perf_request(fd, address, request, state);
-    case 2: return receive_memory_file(fd, address, request, s);
+    case 2: return receive_memory_file(fd, address, s);
     case 3: return start_collector(fd, address, request, s);
     case 4: return stop_collector(fd, address, s);
     case 5: return 30;

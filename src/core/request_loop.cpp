@@ -24,9 +24,8 @@ namespace kova {
 namespace {
 
 // A peer that is not a registered server gets its request drained and an
-// error packet. A failed drain ends the agent: that read runs in the
-// listening process itself, and installed servers rely on the agent's
-// exit there being what it has always been.
+// error packet. The drain runs in the listening process itself, before any
+// fork, so a failed drain ends the agent; that exit is kept as it always was.
 void refuse_unregistered(UniqueFd connection, const std::string& address, const AgentState& state) {
   PacketBuffer request{};
   if (Socket_readn(connection.get(), request.data(), kRequestSize, state.detailed_logging) < 0) {
