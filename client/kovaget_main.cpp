@@ -504,7 +504,7 @@ void usage(std::FILE* to) {
                kova::client::kDefaultHost, kDefaultPort, kova::client::kDefaultTimeoutMs / 1000);
   for (const Command& c : kCommands) {
     std::string head = std::string(c.name) + (c.args[0] != '\0' ? std::string(" ") + c.args : "");
-    std::fprintf(to, "  %-30s %s\n", head.c_str(), c.help);
+    std::fprintf(to, "  %-36s %s\n", head.c_str(), c.help);
   }
 }
 
