@@ -86,7 +86,9 @@ int get_install_config(const AgentSettings& settings, const DcSettings& dc, cons
   }
   install.collector_scan = std::to_string(dc.scan_rate);
   install.collector_write = std::to_string(dc.write_rate);
-  install.collector_buffers = "0";
+  // One-character values are built, not assigned from literals: GCC 12's
+  // optimiser warns falsely (-Wrestrict) on the assignment here.
+  install.collector_buffers = std::string(1, '0');
 
   // The agent's data directory is where it fetches the collector's files
   // from, so that is the one the server wants sized.
@@ -106,7 +108,7 @@ int get_install_config(const AgentSettings& settings, const DcSettings& dc, cons
   install.agent_server = settings.server;
 
   const bool realtime = file_exists(programs.realtime);
-  install.realtime_installed = realtime ? "1" : "0";
+  install.realtime_installed = std::string(1, realtime ? '1' : '0');
   install.realtime_version = install.agent_version;
   if (realtime) {
     install.realtime_verbose = std::to_string(rta.verbose);
