@@ -234,20 +234,19 @@ int compress_file(const std::string& command_template, const std::string& file_n
   const std::string ext = command_template.substr(ext_begin, ext_end == std::string::npos ? std::string::npos
                                                                                           : ext_end - ext_begin);
   // The template is the operator's command; the file name is not trusted
-  // and goes in as one quoted word ("'name'.gz" still names name.gz).
+  // and goes to the shell as one quoted word ("'name'.gz" still names
+  // name.gz). The log shows the command as the operator wrote it.
   const std::string quoted = shell_quote(file_name);
-  std::string command;
+  std::string command, shown;
   for (char c : command_template) {
-    if (c == '*')
-      command += quoted;
-    else
-      command += c;
+    command += c == '*' ? quoted : std::string(1, c);
+    shown += c == '*' ? file_name : std::string(1, c);
   }
   out_name = file_name + ext;
   if (extension != nullptr) *extension = ext;
   ::unlink(out_name.c_str());
 
-  log_printf("I-COMPRESS", "Running, %s", command.c_str());
+  log_printf("I-COMPRESS", "Running, %s", shown.c_str());
   std::string output;
   return RunCommand(command, output);
 }

@@ -151,7 +151,7 @@ TEST_F(FileTransfer, CompressQuotesTheFileNameAndNamesTheOutput) {
   EXPECT_EQ(ext, ".cp");
   EXPECT_EQ(test::read_file(out), "payload");
   EXPECT_FALSE(test::file_exists(dir_ / "pwned"));
-  EXPECT_EQ(logged("I-COMPRESS", "Running, cp '"), 1);
+  EXPECT_EQ(logged("I-COMPRESS", "Running, cp " + hostile + " " + hostile + ".cp -f"), 1);
 }
 
 // The helpers the transfers and the configuration report rely on.
