@@ -1,7 +1,6 @@
 // Starting, stopping and checking the collector, the real-time agent and
 // the search agent through the real binary and the demo's stand-ins.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <filesystem>
 #include <string>
@@ -14,8 +13,6 @@
 
 namespace kova::test {
 namespace {
-
-std::string le16(int v) { return {static_cast<char>(v & 0xff), static_cast<char>((v >> 8) & 0xff)}; }
 
 void install(const InstallTree& tree, const char* program) {
   std::filesystem::copy_file(std::string(KOVA_DEMO_BIN_DIR) + "/" + program, tree / (std::string("bin/") + program),

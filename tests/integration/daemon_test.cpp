@@ -1,17 +1,15 @@
 // The real binary's command line, start-up, status, stop and signals.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <netinet/in.h>
-#include <arpa/inet.h>
 #include <unistd.h>
 
-#include <dirent.h>
-#include <fstream>
+#include <sstream>
 #include <string>
 
 #include "support/agent_process.h"
-#include "support/temp_dir.h"
 
 namespace kova::test {
 namespace {
@@ -45,47 +43,33 @@ TEST(CommandLine, OneShotModesPrintAndExitAsAdminsExpect) {
 
   RunResult missing = run_agent({"-rootdir", tree / "nowhere", "-nofork"});
   EXPECT_EQ(missing.status, 0);
-  EXPECT_EQ(missing.err.rfind("kovaagent, unable to access root directory, " + tree / "nowhere", 0), 0u);
+  EXPECT_EQ(missing.err, "kovaagent, unable to access root directory, " + tree / "nowhere" +
+                         ", No such file or directory\n");  // and nothing about the directories below it
 }
 
 TEST(CommandLine, PurgeDeletesThisHostsOldDataFilesAndExitsOne) {
+  // Which files the cut-off and the host prefix select is covered with a fixed clock.
   InstallTree tree;
-  std::string host = tree.hostname();
-  std::time_t old = std::time(nullptr) - 10 * 86400;
-  for (const std::string& name : std::initializer_list<std::string>{"qdtsx_" + host + "_2012Feb01.zud", "qdtsx_" + host + "_2012Feb02.zud-1",
-                                  std::string("qdtsx_otherhost_2012Feb01.zud"), "qdtsx_" + host + "_new.zud"}) {
-    write_file(tree / ("data/" + name), "x");
-    if (name.find("new") == std::string::npos) set_mtime(tree / ("data/" + name), old);
+  const std::string own = tree / ("data/qdtsx_" + tree.hostname() + "_2012Feb01.zud"),
+                    other = tree / "data/qdtsx_otherhost_2012Feb01.zud";
+  for (const std::string& path : {own, other}) {
+    write_file(path, "x");
+    set_mtime(path, std::time(nullptr) - 10 * 86400);
   }
   RunResult purge = run_agent({"-rootdir", tree.root(), "-purge", "7"});
   EXPECT_EQ(purge.status, 1);
-  EXPECT_FALSE(file_exists(tree / ("data/qdtsx_" + host + "_2012Feb01.zud")));
-  EXPECT_FALSE(file_exists(tree / ("data/qdtsx_" + host + "_2012Feb02.zud-1")));
-  EXPECT_TRUE(file_exists(tree / "data/qdtsx_otherhost_2012Feb01.zud"));
-  EXPECT_TRUE(file_exists(tree / ("data/qdtsx_" + host + "_new.zud")));
-  std::string log = tree.log();
-  size_t lines = 0;
-  for (size_t at = log.find("KOVAAGENT-I-DEL_DATA,"); at != std::string::npos;
-       at = log.find("KOVAAGENT-I-DEL_DATA,", at + 1))
-    ++lines;
-  EXPECT_EQ(lines, 2u) << log;
+  EXPECT_FALSE(file_exists(own));
+  EXPECT_TRUE(file_exists(other));
+  EXPECT_EQ(occurrences(tree.log(), "KOVAAGENT-I-DEL_DATA,"), 1u) << tree.log();
 }
 
 // Children of `pid` that are zombies, from the process table.
 int zombie_children(pid_t pid) {
+  const std::string task = "/proc/" + std::to_string(pid) + "/task/" + std::to_string(pid) + "/children";
+  std::istringstream children(read_file(task));
   int zombies = 0;
-  DIR* proc = opendir("/proc");
-  while (dirent* e = readdir(proc)) {
-    std::ifstream stat(std::string("/proc/") + e->d_name + "/stat");
-    std::string line;
-    if (!std::getline(stat, line)) continue;
-    auto close = line.rfind(')');
-    if (close == std::string::npos) continue;
-    char state = 0;
-    int ppid = 0;
-    if (std::sscanf(line.c_str() + close + 2, "%c %d", &state, &ppid) == 2 && ppid == pid && state == 'Z') ++zombies;
-  }
-  closedir(proc);
+  for (pid_t child; children >> child;)
+    zombies += read_file("/proc/" + std::to_string(child) + "/stat").find(") Z ") != std::string::npos;
   return zombies;
 }
 
@@ -160,15 +144,14 @@ TEST(Daemon, WithoutALockFileStatusAndStopFindTheAgentByName) {
 
 TEST(Daemon, APortAlreadyHeldIsReportedAndTheAgentExitsZero) {
   InstallTree tree;
+  // Held on every address, as another daemon would hold it.
   int holder = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_ANY);
-  ASSERT_EQ(::bind(holder, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
-  ASSERT_EQ(::listen(holder, 1), 0);
+  sockaddr_in addr{.sin_family = AF_INET, .sin_port = 0, .sin_addr = {htonl(INADDR_ANY)}, .sin_zero = {}};
   socklen_t len = sizeof addr;
-  ::getsockname(holder, reinterpret_cast<sockaddr*>(&addr), &len);
-  int port = ntohs(addr.sin_port);
+  ASSERT_EQ(::bind(holder, reinterpret_cast<sockaddr*>(&addr), len), 0);
+  ASSERT_EQ(::listen(holder, 1), 0);
+  ASSERT_EQ(::getsockname(holder, reinterpret_cast<sockaddr*>(&addr), &len), 0);
+  const int port = ntohs(addr.sin_port);
 
   RunResult run = run_agent({"-rootdir", tree.root(), "-port", std::to_string(port), "-nofork", "-nolock"});
   ::close(holder);

@@ -21,8 +21,6 @@ std::string local_text(const char* format, std::time_t when) {
   return text;
 }
 
-std::string field(const std::string& text, size_t width) { return text + std::string(width - text.size(), '\0'); }
-
 TEST(PerfRequest, TodaysRangeComesBackBehindItsHeaderTheWorkFileGoesAndOldDataIsPurged) {
   InstallTree tree;
   std::error_code ec;
@@ -48,16 +46,15 @@ TEST(PerfRequest, TodaysRangeComesBackBehindItsHeaderTheWorkFileGoesAndOldDataIs
   RunningAgent agent(tree, free_port());
   ASSERT_TRUE(agent.started()) << agent.launch().err;
   const auto perf = [&](const std::string& day) {
-    const std::string purge_age = {5, 0};
-    const std::string args = field(day + ":00:00", 18) + field(day + ":23:59", 18) + purge_age;
+    const std::string purge_age = le16(5);
+    const std::string args = padded(day + ":00:00", 18) + padded(day + ":23:59", 18) + purge_age;
     return std::async(std::launch::async,
                       [&, args] { return round_trip(agent.port(), request_packet(1, args), std::chrono::seconds(30)); });
   };
   auto todays = perf(local_text("%d-%b-%Y", now));
   auto without_data = perf("01-Jan-2001");
 
-  const std::string header = {6, 0, 0, 0, 0, 0, static_cast<char>(in_range.size() & 0xff),
-                              static_cast<char>(in_range.size() >> 8)};
+  const std::string header = le16(6) + le16(0) + le16(0) + le16(static_cast<int>(in_range.size()));
   EXPECT_EQ(hex(todays.get()), hex(header + in_range)) << tree.log();
   EXPECT_EQ(hex(without_data.get()), "05000c0000000000");  // ERR 12
   const std::string log = tree.log();

@@ -3,21 +3,16 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <grp.h>
-#include <sys/stat.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
 #include <ctime>
-#include <sstream>
-#include <thread>
 
 #ifndef KOVA_AGENT_BIN
 #define KOVA_AGENT_BIN "kovaagent"
@@ -29,30 +24,32 @@ namespace {
 // Daemonised agents are reparented to the test process, not to init.
 const bool g_subreaper = [] { return ::prctl(PR_SET_CHILD_SUBREAPER, 1) == 0; }();
 
+sockaddr_in loopback(int port) {
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  addr.sin_port = htons(static_cast<uint16_t>(port));
+  return addr;
+}
+
 // Waits for `pid` up to `limit`; its exit status, or -1.
 int wait_for(pid_t pid, std::chrono::milliseconds limit) {
-  auto deadline = std::chrono::steady_clock::now() + limit;
-  for (;;) {
+  for (auto deadline = std::chrono::steady_clock::now() + limit;;) {
     int status = 0;
     pid_t done = ::waitpid(pid, &status, WNOHANG);
     if (done == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    if (done < 0) return -1;
-    if (std::chrono::steady_clock::now() >= deadline) return -1;
+    if (done < 0 || std::chrono::steady_clock::now() >= deadline) return -1;
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
 }
 
-pid_t spawn(const std::vector<std::string>& args, const std::vector<std::string>& env, const std::string& out_path,
-            const std::string& err_path, int uid = -1) {
-  std::vector<std::string> argv_storage{KOVA_AGENT_BIN};
-  argv_storage.insert(argv_storage.end(), args.begin(), args.end());
+// Starts the agent with `args`, its output in `io`/out and `io`/err.
+pid_t spawn(std::vector<std::string> args, std::vector<std::string> env, const TempDir& io, int uid = -1) {
+  args.insert(args.begin(), KOVA_AGENT_BIN);
   std::vector<char*> argv;
-  for (auto& a : argv_storage) argv.push_back(a.data());
+  for (auto& a : args) argv.push_back(a.data());
   argv.push_back(nullptr);
-  std::vector<std::string> env_storage = env;
-  std::vector<char*> envp;
-  for (auto& e : env_storage) envp.push_back(e.data());
-  envp.push_back(nullptr);
+  const std::string out_path = io / "out", err_path = io / "err";
 
   pid_t pid = ::fork();
   if (pid != 0) return pid;
@@ -61,11 +58,8 @@ pid_t spawn(const std::vector<std::string>& args, const std::vector<std::string>
   int err = ::open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
   int in = ::open("/dev/null", O_RDONLY);
   if (out < 0 || err < 0 || in < 0) ::_exit(126);
-  ::dup2(in, 0);
-  ::dup2(out, 1);
-  ::dup2(err, 2);
-  for (char* e : envp)
-    if (e != nullptr) ::putenv(e);
+  ::dup2(in, 0), ::dup2(out, 1), ::dup2(err, 2);
+  for (auto& e : env) ::putenv(e.data());
   if (uid >= 0 && (::setgroups(0, nullptr) != 0 || ::setgid(static_cast<gid_t>(uid)) != 0 ||
                    ::setuid(static_cast<uid_t>(uid)) != 0))
     ::_exit(125);
@@ -113,7 +107,7 @@ RunResult run_agent(const std::vector<std::string>& args, const std::vector<std:
   TempDir io;
   ::chmod(io.path().c_str(), 0777);
   RunResult result;
-  pid_t pid = spawn(args, env, io / "out", io / "err", uid);
+  pid_t pid = spawn(args, env, io, uid);
   if (pid < 0) return result;
   result.status = wait_for(pid, limit);
   if (result.status == -1) {
@@ -127,10 +121,7 @@ RunResult run_agent(const std::vector<std::string>& args, const std::vector<std:
 
 int free_port() {
   int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  addr.sin_port = 0;
+  sockaddr_in addr = loopback(0);
   socklen_t len = sizeof addr;
   int port = -1;
   if (::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
@@ -138,6 +129,14 @@ int free_port() {
     port = ntohs(addr.sin_port);
   ::close(fd);
   return port;
+}
+
+int connect_loopback(int port) {
+  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in addr = loopback(port);
+  if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0) return fd;
+  ::close(fd);
+  return -1;
 }
 
 RunningAgent::RunningAgent(const InstallTree& tree, int port, std::vector<std::string> extra,
@@ -149,7 +148,7 @@ RunningAgent::RunningAgent(const InstallTree& tree, int port, std::vector<std::s
   for (const auto& a : args) foreground |= a == "-nofork";
 
   TempDir io;
-  pid_t launcher = spawn(args, env, io / "out", io / "err");
+  pid_t launcher = spawn(args, env, io);
   if (launcher < 0) return;
   if (foreground) {
     pid_ = launcher;
@@ -163,14 +162,8 @@ RunningAgent::RunningAgent(const InstallTree& tree, int port, std::vector<std::s
     if (auto at = content.find("PID~"); at != std::string::npos) pid_ = std::atoi(content.c_str() + at + 4);
   }
   auto accepting = [&] {
-    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = htons(static_cast<uint16_t>(port_));
-    bool ok = ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
-    ::close(fd);
-    return ok;
+    int fd = connect_loopback(port_);
+    return fd >= 0 && ::close(fd) == 0;
   };
   if (pid_ > 0 && !eventually([&] { return accepting() || !alive(); }, std::chrono::seconds(10))) pid_ = -1;
   eventually([&] {
@@ -209,22 +202,16 @@ int RunningAgent::stop(int signal) {
 }
 
 std::string round_trip(int port, const std::string& request, std::chrono::milliseconds limit) {
-  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  addr.sin_port = htons(static_cast<uint16_t>(port));
   std::string reply;
-  if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
-      ::send(fd, request.data(), request.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(request.size())) {
+  int fd = connect_loopback(port);
+  if (fd < 0) return reply;
+  if (::send(fd, request.data(), request.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(request.size())) {
     ::shutdown(fd, SHUT_WR);  // the server sends its whole request up front
-    auto deadline = std::chrono::steady_clock::now() + limit;
     char buf[65536];
-    for (;;) {
+    for (auto deadline = std::chrono::steady_clock::now() + limit;;) {
       auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-      if (left.count() <= 0) break;
       pollfd p{fd, POLLIN, 0};
-      if (::poll(&p, 1, static_cast<int>(left.count())) <= 0) break;
+      if (left.count() <= 0 || ::poll(&p, 1, static_cast<int>(left.count())) <= 0) break;
       ssize_t n = ::recv(fd, buf, sizeof buf, 0);
       if (n <= 0) break;
       reply.append(buf, static_cast<size_t>(n));
@@ -235,29 +222,25 @@ std::string round_trip(int port, const std::string& request, std::chrono::millis
 }
 
 std::string request_packet(int opcode, const std::string& args) {
-  std::string packet(40, '\0');
-  packet[0] = static_cast<char>(opcode & 0xff);
-  packet[1] = static_cast<char>((opcode >> 8) & 0xff);
-  packet.replace(2, std::min<size_t>(args.size(), 38), args.substr(0, 38));
-  return packet;
+  std::string packet = le16(opcode) + args.substr(0, 38);
+  return packet + std::string(40 - packet.size(), '\0');
 }
 
 std::string extended_packet(const std::string& tag, const std::string& payload) {
-  std::string packet = request_packet(254, tag.substr(0, 37));
-  size_t n = payload.size();
-  packet += static_cast<char>(n & 0xff);
-  packet += static_cast<char>((n >> 8) & 0xff);
-  return packet + payload;
+  return request_packet(254, tag.substr(0, 37)) + le16(static_cast<int>(payload.size())) + payload;
 }
 
 std::string hex(const std::string& bytes) {
+  static constexpr char kDigits[] = "0123456789abcdef";
   std::string out;
-  char two[4];
-  for (unsigned char c : bytes) {
-    std::snprintf(two, sizeof two, "%02x", c);
-    out += two;
-  }
+  for (unsigned char c : bytes) out += {kDigits[c >> 4], kDigits[c & 15]};
   return out;
+}
+
+size_t occurrences(const std::string& text, const std::string& needle) {
+  size_t n = 0;
+  for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
+  return n;
 }
 
 }  // namespace kova::test

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/temp_dir.h"
@@ -41,6 +42,9 @@ RunResult run_agent(const std::vector<std::string>& args, const std::vector<std:
 // A TCP port on 127.0.0.1 that nothing listens on right now.
 int free_port();
 
+// A socket connected to `port` on 127.0.0.1, or -1.
+int connect_loopback(int port);
+
 // A started agent. The test process is a child subreaper, so a daemonised
 // agent is reparented to it and can be reaped for its exit status.
 class RunningAgent {
@@ -69,7 +73,7 @@ class RunningAgent {
 // One connection: sends `request` and closes its sending side, reads until the agent closes or
 // `limit` passes, returns what arrived.
 std::string round_trip(int port, const std::string& request,
-                     std::chrono::milliseconds limit = std::chrono::seconds(10));
+                       std::chrono::milliseconds limit = std::chrono::seconds(10));
 
 // A 40-byte request with `opcode` and optional argument bytes at offset 2.
 std::string request_packet(int opcode, const std::string& args = {});
@@ -77,22 +81,27 @@ std::string request_packet(int opcode, const std::string& args = {});
 // An extended request: opcode 254 with the tag, then length and payload.
 std::string extended_packet(const std::string& tag, const std::string& payload);
 
+// Two bytes, least significant first, as the protocol's short fields.
+inline std::string le16(int v) { return {static_cast<char>(v & 0xff), static_cast<char>((v >> 8) & 0xff)}; }
+
+// `text` padded with NULs to a fixed field of `width` bytes.
+inline std::string padded(const std::string& text, size_t width) {
+  return text + std::string(width - text.size(), '\0');
+}
+
 std::string hex(const std::string& bytes);
+
+// How often `needle` occurs in `text`.
+size_t occurrences(const std::string& text, const std::string& needle);
 
 // Waits until `predicate` holds, polling every 20 ms, at most `limit`.
 template <typename Predicate>
-bool eventually(Predicate predicate, std::chrono::milliseconds limit = std::chrono::seconds(10));
-
-}  // namespace kova::test
-
-#include <thread>
-
-template <typename Predicate>
-bool kova::test::eventually(Predicate predicate, std::chrono::milliseconds limit) {
-  auto deadline = std::chrono::steady_clock::now() + limit;
-  while (std::chrono::steady_clock::now() < deadline) {
+bool eventually(Predicate predicate, std::chrono::milliseconds limit = std::chrono::seconds(10)) {
+  for (auto deadline = std::chrono::steady_clock::now() + limit; std::chrono::steady_clock::now() < deadline;) {
     if (predicate()) return true;
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
   return predicate();
 }
+
+}  // namespace kova::test

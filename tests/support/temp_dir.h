@@ -2,7 +2,15 @@
 // small file utilities.
 #pragma once
 
+#include <sys/stat.h>
+#include <utime.h>
+
+#include <cstdlib>
 #include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
 #include <string>
 
 namespace kova::test {
@@ -10,8 +18,15 @@ namespace kova::test {
 // A fresh directory under $TMPDIR (or /tmp), removed with its contents.
 class TempDir {
  public:
-  TempDir();
-  ~TempDir();
+  TempDir() {
+    const char* base = std::getenv("TMPDIR");
+    path_ = std::string(base && *base ? base : "/tmp") + "/kovatest.XXXXXX";
+    if (::mkdtemp(path_.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+  }
+  ~TempDir() {
+    std::error_code ec;
+    std::filesystem::remove_all(path_, ec);
+  }
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;
 
@@ -22,10 +37,26 @@ class TempDir {
   std::string path_;
 };
 
-void write_file(const std::string& path, const std::string& content);
-std::string read_file(const std::string& path);
-bool file_exists(const std::string& path);
-void set_mtime(const std::string& path, std::time_t when);
-void make_dirs(const std::string& path);
+inline void write_file(const std::string& path, const std::string& content) {
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
+}
+
+inline std::string read_file(const std::string& path) {
+  std::ostringstream ss;
+  ss << std::ifstream(path, std::ios::binary).rdbuf();
+  return ss.str();
+}
+
+inline bool file_exists(const std::string& path) {
+  struct stat st;
+  return ::lstat(path.c_str(), &st) == 0;
+}
+
+inline void set_mtime(const std::string& path, std::time_t when) {
+  const utimbuf times{when, when};
+  ::utime(path.c_str(), &times);
+}
+
+inline void make_dirs(const std::string& path) { std::filesystem::create_directories(path); }
 
 }  // namespace kova::test
