@@ -104,11 +104,8 @@ TEST_F(ClientTest, FixedRepliesErrorsShortRepliesAndRefusals) {
 
 // The agent's transfer: the header, then the bytes unframed, the last `cut` of them never sent.
 void send_file_bytes(int fd, const std::string& content, size_t cut = 0) {
-  PacketBuffer b{};
-  Packet_CreateINF(static_cast<int64_t>(content.size() / kPacketSize),
-                   static_cast<int64_t>(content.size() % kPacketSize), b);
-  ASSERT_EQ(Socket_writen(fd, b.data(), kInfSize), static_cast<ssize_t>(kInfSize));
-  ASSERT_EQ(Socket_writen(fd, content.data(), content.size() - cut), static_cast<ssize_t>(content.size() - cut));
+  const std::string wire = test::inf_header(content.size() / kPacketSize, content.size() % kPacketSize) + content;
+  ASSERT_EQ(Socket_writen(fd, wire.data(), wire.size() - cut), static_cast<ssize_t>(wire.size() - cut));
 }
 
 TEST_F(ClientTest, ReceivesFilesTheAgentSends) {

@@ -10,37 +10,32 @@
 #include "wire/status.h"
 #include "wire/wire_fixture.h"
 
-namespace kova {
+namespace kova::test {
 namespace {
 
-class MergeRequest : public test::WireTest {
+class MergeRequest : public WireTest {
  protected:
   void SetUp() override {
     WireTest::SetUp();
-    for (const char* d : {"bin", "data", "tmp", "settings"}) test::make_dirs(dir_ / d);
+    for (const char* d : {"bin", "data", "tmp", "settings"}) make_dirs(dir_ / d);
     s_.bin_dir = dir_ / "bin", s_.data_dir = dir_ / "data", s_.tmp_dir = dir_ / "tmp", s_.hostname = "web1";
     s_.memory_file_path = dir_ / "settings/kova_web1.memory";
-    test::write_file(s_.memory_file_path, "memory");
-    test::write_file(s_.data_dir + "/qdtsx_web1_2024Mar05.zud-1",
-                     "1709636400 2024-03-05 12:00:00 0.40 0.30 0.30 812344 213\n"
-                     "1709638200 2024-03-05 12:30:00 0.60 0.50 0.40 800000 215\n");
+    write_file(s_.memory_file_path, "memory");
+    write_file(s_.data_dir + "/qdtsx_web1_2024Mar05.zud-1",
+               "1709636400 2024-03-05 12:00:00 0.40 0.30 0.30 812344 213\n"
+               "1709638200 2024-03-05 12:30:00 0.60 0.50 0.40 800000 215\n");
   }
-  // Serves the request (the node form with `node`); returns what was sent, the result in result_.
-  std::string merge(const std::string& payload, bool node = false) {
-    test::SocketPair pair;
-    result_ = (node ? process_merg_node_request : process_merg_request)(
+  // Serves the request (the node form with `node`): what was sent, and the result.
+  std::pair<std::string, int> merge(const std::string& payload, bool node = false) {
+    SocketPair pair;
+    const int result = (node ? process_merg_node_request : process_merg_request)(
         pair.agent.get(), s_, "127.0.0.1", reinterpret_cast<const unsigned char*>(payload.data()),
         static_cast<int>(payload.size()), buffer_);
-    pair.agent.reset();
-    std::string wire;
-    char buf[4096];
-    for (ssize_t k; (k = ::read(pair.peer.get(), buf, sizeof buf)) > 0;) wire.append(buf, static_cast<size_t>(k));
-    return wire;
+    return {pair.drain(), result};
   }
 
   AgentSettings s_;
   PacketBuffer buffer_{};
-  int result_ = -1;
   const std::string day_{"05-Mar-2024:00:00\0" "05-Mar-2024:23:59", 36};  // two 18-byte fields
 };
 
@@ -51,10 +46,10 @@ TEST_F(MergeRequest, SendsTheMergedRangeAndDeletesOrKeepsBothOutputs) {
   const std::string expected = "2024-03-05 12:00 2 0.50 0.40 0.35 800000 215\n";  // the hour's two samples
   for (int keep : {0, 1}) {
     s_.keep_perf = keep;
-    EXPECT_EQ(merge(day_), (std::string{6, 0, 0, 0, 0, 0, static_cast<char>(expected.size()), 0} + expected));
-    ASSERT_EQ(result_, 0) << log_text();
-    EXPECT_EQ(test::file_exists(s_.tmp_dir + "/web1_2024Mar05_0000_127.0.0.1.merg"), keep == 1);
-    EXPECT_EQ(test::file_exists(s_.tmp_dir + "/web1_2024Mar05_0000.proc"), keep == 1);
+    const std::string header = {6, 0, 0, 0, 0, 0, static_cast<char>(expected.size()), 0};
+    ASSERT_EQ(merge(day_), std::pair(header + expected, 0)) << log_text();
+    EXPECT_EQ(file_exists(s_.tmp_dir + "/web1_2024Mar05_0000_127.0.0.1.merg"), keep == 1);
+    EXPECT_EQ(file_exists(s_.tmp_dir + "/web1_2024Mar05_0000.proc"), keep == 1);
   }
   EXPECT_EQ(slept, 2 * kDataRequestPause);
 }
@@ -69,11 +64,10 @@ TEST_F(MergeRequest, FailuresRunNothingAndSendNothing) {
   };
   for (const auto& c : cases) {
     if (!c.memory) ::unlink(s_.memory_file_path.c_str());
-    EXPECT_EQ(merge(c.payload, c.node), "");
-    EXPECT_EQ(result_, c.code) << c.code;
+    EXPECT_EQ(merge(c.payload, c.node), std::pair(std::string(), c.code));
   }
   EXPECT_EQ(count_in_log("I-MERG_COMMAND"), 0);
 }
 
 }  // namespace
-}  // namespace kova
+}  // namespace kova::test

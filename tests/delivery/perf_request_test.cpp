@@ -10,11 +10,12 @@
 #include <vector>
 
 #include "components/collector.h"
+#include "support/agent_process.h"
 #include "support/fixed_clock.h"
 #include "wire/status.h"
 #include "wire/wire_fixture.h"
 
-namespace kova {
+namespace kova::test {
 namespace {
 
 // Samples of 5 March 2024 as the stand-in collector writes them.
@@ -22,44 +23,43 @@ const std::string kNoon = "1709636400 2024-03-05 12:00:00 0.42 0.35 0.30 812344 
 const std::string kHalfPast = "1709638200 2024-03-05 12:30:00 0.50 0.40 0.30 800000 215\n";
 const std::string kDay = "1709632800 2024-03-05 11:00:00 0.10 0.20 0.30 900000 200\n" + kNoon + kHalfPast;
 
-std::string field(const std::string& text, size_t width) { return text + std::string(width - text.size(), '\0'); }
+// A file transfer of `range` shorter than a block: code 6, no whole blocks, its size.
+std::string sent_range(const std::string& range) {
+  return le16(6) + le16(0) + le16(0) + le16(static_cast<int>(range.size())) + range;
+}
 
-std::string le16(int v) { return {static_cast<char>(v & 0xff), static_cast<char>((v >> 8) & 0xff)}; }
+using Served = std::pair<std::string, int>;
 
-class DataRequest : public test::WireTest {
+class DataRequest : public WireTest {
  protected:
   void SetUp() override {
     WireTest::SetUp();
     collector_state().dc_cmdline = {};  // as a fresh process has it
-    for (const char* d : {"bin", "data", "tmp", "outgoing", "settings"}) test::make_dirs(dir_ / d);
+    for (const char* d : {"bin", "data", "tmp", "outgoing", "settings"}) make_dirs(dir_ / d);
     s_.install_root = dir_.path(), s_.bin_dir = dir_ / "bin", s_.data_dir = dir_ / "data", s_.tmp_dir = dir_ / "tmp";
     s_.outgoing_dir = dir_ / "outgoing", s_.hostname = "web1", s_.memory_file_path = dir_ / "settings/kova_web1.memory";
     s_.settings_server = "10.9.9.9";  // not the test's peer: no collector settings written
-    test::write_file(s_.memory_file_path, "memory");
-    test::write_file(s_.data_dir + "/qdtsx_web1_2024Mar05.zud-1", kDay);
+    write_file(s_.memory_file_path, "memory");
+    write_file(s_.data_dir + "/qdtsx_web1_2024Mar05.zud-1", kDay);
     std::error_code ec;
     std::filesystem::copy_file(std::string(KOVA_DEMO_BIN_DIR) + "/kovaperf", s_.bin_dir + "/kovaperf", ec);
     have_kovaperf_ = !ec;
   }
-  // Runs `serve` after the peer sent `sent`; returns all the agent sent back (its result in result_).
+  // Runs `serve` after the peer sent `sent`: all the agent sent back, and its result.
   template <typename Serve>
-  std::string exchange(Serve serve, const std::string& sent = "") {
-    test::SocketPair pair;
-    EXPECT_EQ(::write(pair.peer.get(), sent.data(), sent.size()), static_cast<ssize_t>(sent.size()));
-    result_ = serve(pair.agent.get());
-    pair.agent.reset();
-    std::string all;
-    char buf[4096];
-    for (ssize_t k; (k = ::read(pair.peer.get(), buf, sizeof buf)) > 0;) all.append(buf, static_cast<size_t>(k));
-    return all;
+  Served exchange(Serve serve, const std::string& sent = "") {
+    SocketPair pair;
+    pair.from_peer(sent, false);
+    const int result = serve(pair.agent.get());
+    return {pair.drain(), result};
   }
-  std::string perf(const std::string& start, const std::string& end, int age) {
+  Served perf(const std::string& start, const std::string& end, int age) {
     PacketBuffer r{};
-    const std::string fields = le16(1) + field(start, 18) + field(end, 18) + le16(age);
+    const std::string fields = le16(1) + padded(start, 18) + padded(end, 18) + le16(age);
     std::copy(fields.begin(), fields.end(), r.begin());
     return exchange([&](int fd) { return process_perf_request(fd, s_, "127.0.0.1", r, buffer_, age_); });
   }
-  std::string raw(const std::string& name) {
+  Served raw(const std::string& name) {
     PacketBuffer r{};
     const std::string head = le16(13) + le16(static_cast<int>(name.size()));
     std::copy(head.begin(), head.end(), r.begin());
@@ -68,7 +68,7 @@ class DataRequest : public test::WireTest {
 
   AgentSettings s_;
   PacketBuffer buffer_{};
-  int age_ = 14, result_ = -1;
+  int age_ = 14;
   bool have_kovaperf_ = false;
 };
 
@@ -96,7 +96,7 @@ TEST(DataFileNames, RequestTimesYesterdayAndOsTextMakeTheNameParts) {
       {2024, 1, 1, "2023Dec31", "31-Dec-2023:00:00", "31-Dec-2023:23:59"},
       {2024, 7, 15, "2024Jul14", "14-Jul-2024:00:00", "14-Jul-2024:23:59"}};
   for (const auto& row : days) {
-    test::FixedClock clock(test::local_time(row.year, row.month, row.day, 0, 30));
+    FixedClock clock(local_time(row.year, row.month, row.day, 0, 30));
     std::string name, start, end;
     EXPECT_EQ(std::tuple(formatFileNameTime(name), formatTimeStrings(start, end)), std::tuple(1, 1));
     EXPECT_EQ(std::tuple(name, start, end), std::tuple(row.name, row.start, row.end));
@@ -115,41 +115,34 @@ TEST(DataFileNames, RequestTimesYesterdayAndOsTextMakeTheNameParts) {
 // Sending the range and deleting the work file are covered against the real binary.
 TEST_F(DataRequest, RemotePerfRequestKeepsYesterdaysWorkFileAndPassesTheServersPurgeAge) {
   if (!have_kovaperf_) GTEST_SKIP() << "stand-in kovaperf not built in " << KOVA_DEMO_BIN_DIR;
-  test::FixedClock clock(test::local_time(2024, 3, 6, 9, 0));
+  FixedClock clock(local_time(2024, 3, 6, 9, 0));
   s_.keep_perf = 1, s_.remote = 1, s_.settings_server = "127.0.0.1";
-  const std::string range = kNoon + kHalfPast;  // the header: code 6, no whole blocks, the last block's size
-  EXPECT_EQ(perf("05-Mar-2024:12:00", "05-Mar-2024:12:59", 7),
-            (std::string{6, 0, 0, 0, 0, 0, static_cast<char>(range.size()), 0} + range)) << log_text();
-  EXPECT_EQ(result_, 0);
-  EXPECT_TRUE(test::file_exists(s_.outgoing_dir + "/web1_2024Mar05.perf"));  // yesterday's, whatever the range
+  EXPECT_EQ(perf("05-Mar-2024:12:00", "05-Mar-2024:12:59", 7), Served(sent_range(kNoon + kHalfPast), 0)) << log_text();
+  EXPECT_TRUE(file_exists(s_.outgoing_dir + "/web1_2024Mar05.perf"));  // yesterday's, whatever the range
   EXPECT_EQ(age_, 7);
   EXPECT_EQ(clock.sleeps(), std::vector<unsigned>{kDataRequestPause});
-  EXPECT_NE(test::read_file(collector_state().dc_cmdline.settings_file).find("RETAIN~7\n"), std::string::npos);
+  EXPECT_NE(read_file(collector_state().dc_cmdline.settings_file).find("RETAIN~7\n"), std::string::npos);
 }
 
 TEST_F(DataRequest, PerfRequestFailuresSendNothingAndRunNothing) {
-  EXPECT_EQ(perf("06-Mar-2024:00:00", "06-Mar-2024:23:59", 3), "");
-  EXPECT_EQ(result_, kResultRawDataNotFound);
+  EXPECT_EQ(perf("06-Mar-2024:00:00", "06-Mar-2024:23:59", 3), Served("", kResultRawDataNotFound));
   EXPECT_EQ(logged("E-PERF_ZUD_NOT_FND", "Data file not found: " + s_.data_dir + "/qdtsx_web1_2024Mar06.zud-1"), 1);
   EXPECT_EQ(count_in_log("I-PERF_COMMAND"), 0);
   EXPECT_EQ(count_in_log("I-COMPARE"), 0);  // not the settings server: its purge age is not kept
-  EXPECT_EQ(perf("05-Mar-2024", "05-Mar-2024:23:59", 3), "");
-  EXPECT_EQ(result_, kResultBadPacket);
+  EXPECT_EQ(perf("05-Mar-2024", "05-Mar-2024:23:59", 3), Served("", kResultBadPacket));
 
   // A tool that cannot be started is told apart from one that wrote nothing.
   s_.bin_dir = dir_ / "nowhere";
-  EXPECT_EQ(perf("05-Mar-2024:00:00", "05-Mar-2024:23:59", 3), "");
-  EXPECT_EQ(result_, kResultImageRunFailed);
+  EXPECT_EQ(perf("05-Mar-2024:00:00", "05-Mar-2024:23:59", 3), Served("", kResultImageRunFailed));
 
   ::unlink(s_.memory_file_path.c_str());
-  EXPECT_EQ(perf("05-Mar-2024:00:00", "05-Mar-2024:23:59", 3), "");
-  EXPECT_EQ(result_, kResultMemoryFileNotFound);
+  EXPECT_EQ(perf("05-Mar-2024:00:00", "05-Mar-2024:23:59", 3), Served("", kResultMemoryFileNotFound));
   EXPECT_EQ(logged("E-PERF_MEM", "Not found " + s_.memory_file_path), 1);
   EXPECT_EQ(count_in_log("I-PERF_COMMAND"), 1);
 }
 
 TEST_F(DataRequest, NodeRequestTakesHostAndOsTextOrRefusesShortPayloads) {
-  const std::string times = field("05-Mar-2024:11:00", 18) + field("05-Mar-2024:11:59", 18) + le16(30);
+  const std::string times = padded("05-Mar-2024:11:00", 18) + padded("05-Mar-2024:11:59", 18) + le16(30);
   const auto node = [&](const std::string& payload) {
     const auto* bytes = reinterpret_cast<const unsigned char*>(payload.data());
     const int n = static_cast<int>(payload.size());
@@ -158,36 +151,34 @@ TEST_F(DataRequest, NodeRequestTakesHostAndOsTextOrRefusesShortPayloads) {
   const std::pair<std::string, std::string> rows[] = {
       {"05-Mar", "Failed to read start_time from packet"},
       {times.substr(0, 30), "Failed to read end_time from packet"},
-      {times + field("db7", 20), "Failed to read hostname from packet"},
-      {times + field("../../etc", 32), "Failed to read hostname from packet"},
+      {times + padded("db7", 20), "Failed to read hostname from packet"},
+      {times + padded("../../etc", 32), "Failed to read hostname from packet"},
   };
   for (const auto& [payload, message] : rows) {
     const int seen = count_in_log(message);
-    EXPECT_EQ(node(payload), "");
-    EXPECT_EQ(result_, kResultBadPacket) << message;
+    EXPECT_EQ(node(payload), Served("", kResultBadPacket)) << message;
     EXPECT_EQ(count_in_log(message), seen + 1) << message;
   }
 
   if (!have_kovaperf_) GTEST_SKIP() << "stand-in kovaperf not built in " << KOVA_DEMO_BIN_DIR;
   // 70 bytes carry no OS text: this platform's own file; "SunOS Solaris 10" names the SPARC one.
   const std::string sparc = "1709632800 2024-03-05 11:00:00 9.99 9.99 9.99 100 999\n";
-  test::write_file(s_.data_dir + "/qdts_web1_2024Mar05.zud-1", sparc);
+  write_file(s_.data_dir + "/qdts_web1_2024Mar05.zud-1", sparc);
   const std::string own = kDay.substr(0, kDay.find('\n') + 1);
   for (const auto& [os, range] : {std::pair{std::string(), own}, {std::string("SunOS Solaris 10"), sparc}}) {
-    EXPECT_EQ(node(times + field("web1", 32) + os),
-              (std::string{6, 0, 0, 0, 0, 0, static_cast<char>(range.size()), 0} + range)) << log_text();
-    EXPECT_EQ(std::tuple(result_, age_), std::tuple(0, 30)) << os;
+    EXPECT_EQ(node(times + padded("web1", 32) + os), Served(sent_range(range), 0)) << log_text();
+    EXPECT_EQ(age_, 30) << os;
   }
 }
 
 TEST_F(DataRequest, RawRequestSendsEveryMatchingFileThenOneClosingPacket) {
   const std::string big(522 * 2 + 5, 'x');
-  test::write_file(s_.data_dir + "/qdtsx_web1_2024Mar05.zud-1", big);
-  test::write_file(s_.data_dir + "/qdtl_web1_2024Mar05.zud-1", kDay);
-  test::write_file(s_.data_dir + "/qdtl_web1_2024Mar05.zud-1.empty", "");
-  test::write_file(s_.data_dir + "/qdtl_web2_2024Mar05.zud-1", kDay);
-  const std::string wire = raw("qdtv_web1_2024Mar05");
-  ASSERT_EQ(result_, 0) << log_text();
+  write_file(s_.data_dir + "/qdtsx_web1_2024Mar05.zud-1", big);
+  write_file(s_.data_dir + "/qdtl_web1_2024Mar05.zud-1", kDay);
+  write_file(s_.data_dir + "/qdtl_web1_2024Mar05.zud-1.empty", "");
+  write_file(s_.data_dir + "/qdtl_web2_2024Mar05.zud-1", kDay);
+  const auto [wire, result] = raw("qdtv_web1_2024Mar05");
+  ASSERT_EQ(result, 0) << log_text();
 
   std::vector<std::pair<std::string, std::string>> items;
   const auto* bytes = reinterpret_cast<const unsigned char*>(wire.data());
@@ -209,14 +200,12 @@ TEST_F(DataRequest, RawRequestSendsEveryMatchingFileThenOneClosingPacket) {
   EXPECT_EQ(slept, kDataRequestPause);
 
   // A name shorter than the type prefix, or one matching nothing, sends nothing.
-  for (const std::string& refused : {std::string("abc"), std::string("qdtsx_none")}) {
-    EXPECT_EQ(raw(refused), "") << refused;
-    EXPECT_EQ(result_, refused.size() < 4 ? kResultBadPacket : kResultRawDataNotFound) << refused;
-  }
+  EXPECT_EQ(raw("abc"), Served("", kResultBadPacket));
+  EXPECT_EQ(raw("qdtsx_none"), Served("", kResultRawDataNotFound));
   // A bare type prefix matches every file: four items, then the closing packet.
-  EXPECT_EQ(raw("qdtv").size(), wire.size() + kZudDataSize + 25 + kDay.size());
-  EXPECT_EQ(result_, 0);
+  const auto [all, all_result] = raw("qdtv");
+  EXPECT_EQ(std::tuple(all.size(), all_result), std::tuple(wire.size() + kZudDataSize + 25 + kDay.size(), 0));
 }
 
 }  // namespace
-}  // namespace kova
+}  // namespace kova::test

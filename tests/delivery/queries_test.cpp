@@ -8,14 +8,14 @@
 
 #include "wire/wire_fixture.h"
 
-namespace kova {
+namespace kova::test {
 namespace {
 
-class DiskSpace : public test::WireTest {
+class DiskSpace : public WireTest {
  protected:
   // The answer field sent for `path`, up to its first NUL.
   std::string answer(const std::string& path) {
-    test::SocketPair pair;
+    SocketPair pair;
     EXPECT_EQ(process_getdiskspace_request(pair.agent.get(), {}, "127.0.0.1",
                                            reinterpret_cast<const unsigned char*>(path.data()),
                                            static_cast<int>(path.size())),
@@ -40,10 +40,10 @@ TEST_F(DiskSpace, MissingPathIsCreatedAndOnlyAnUnqueryablePathIsUnknown) {
   }
   EXPECT_EQ(logged("E-REQ-DISKSPACE", "statvfs(" + missing + ") error: "), 1);
 
-  test::write_file(dir_ / "file", "x");
+  write_file(dir_ / "file", "x");
   EXPECT_EQ(answer(dir_ / "file/below"), "Unknown");
   EXPECT_EQ(answer(""), "Unknown");
 }
 
 }  // namespace
-}  // namespace kova
+}  // namespace kova::test

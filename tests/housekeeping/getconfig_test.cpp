@@ -10,9 +10,10 @@
 #include <sstream>
 #include <thread>
 
+#include "platform/system_facts.h"
 #include "support/temp_dir.h"
 
-namespace kova {
+namespace kova::test {
 namespace {
 
 constexpr const char* kKeys =
@@ -26,7 +27,7 @@ constexpr const char* kVersion = "V10.0-001:Feb 23 2012";
 
 // The report's line names (text before the first ":") joined by blanks; the values by name go to `values`.
 std::string read_report(const std::string& path, std::map<std::string, std::string>& values) {
-  std::istringstream in(test::read_file(path));
+  std::istringstream in(read_file(path));
   std::string keys;
   for (std::string line; std::getline(in, line);) {
     const std::string key = line.substr(0, line.find(':'));
@@ -37,16 +38,17 @@ std::string read_report(const std::string& path, std::map<std::string, std::stri
 }
 
 TEST(GetConfig, EveryLineInOrderFromThisHostAndTheComponentsSettings) {
-  test::TempDir dir;
-  for (const char* d : {"data", "tmp", "bin"}) test::make_dirs(dir / d);
+  TempDir dir;
+  for (const char* d : {"data", "tmp", "bin"}) make_dirs(dir / d);
   AgentSettings s{.verbose = 1, .port = 1700, .server = "10.1.1.1,10.1.1.2", .collector_lock_path = dir / "tmp/h_lock",
                   .data_dir = dir / "data", .tmp_dir = dir / "tmp"};
   const DcSettings dc{.scan_rate = 3000, .write_rate = 60, .retain = 7, .verbose = 2};
   const RtaSettings rta{.verbose = 1, .port = 2999, .scan_rate = 5, .alerts = 0, .processes = 1};
   const ConfigPrograms programs{dir / "bin", dir / "no-mwa"};  // the real-time agent is installed if its path exists
-  test::write_file(s.collector_lock_path, "1@a@b@c@1@2\nVERSION~" + std::string(kVersion) + "\n");
-  for (auto [name, mb] : {std::pair{"h_a.zud", 1}, {"h_b.zud-1", 3}, {"h_c.perf", 7}})
-    test::write_file(dir / "data/" + name, std::string(static_cast<size_t>(mb) << 20, 'z'));
+  write_file(s.collector_lock_path, "1@a@b@c@1@2\nVERSION~" + std::string(kVersion) + "\n");
+  // Only names with a ".zud" extension count, not a leading dot or a bare "zud".
+  for (auto [name, mb] : {std::pair{"h_a.zud", 1}, {"h_b.zud-1", 3}, {"h_c.perf", 7}, {".zud", 0}, {"zud", 0}})
+    write_file(dir / "data/" + name, std::string(static_cast<size_t>(mb) << 20, 'z'));
 
   ASSERT_EQ(kova_getconfig(s, "h", dc, rta, {}, programs), 1);
   std::map<std::string, std::string> v;
@@ -55,7 +57,7 @@ TEST(GetConfig, EveryLineInOrderFromThisHostAndTheComponentsSettings) {
       {"ConfigVersion", "1"}, {"SystemVendor", "Sun"}, {"SystemOS", "SUN"}, {"SystemDiskTotalCapacity", "0"},
       {"CollectorName", "vORN Monitor"}, {"CollectorVersion", kVersion}, {"CollectorVerbose", "2"},
       {"CollectorRetain", "7"}, {"CollectorScan", "3000"}, {"CollectorWrite", "60"}, {"CollectorBuffers", "0"},
-      {"CollectorDataPath", s.data_dir}, {"CollectorDataAveSize", "2~MB"},  // the .perf file not counted
+      {"CollectorDataPath", s.data_dir}, {"CollectorDataAveSize", "2~MB"},
       {"AgentVersion", kVersion}, {"AgentVerbose", "1"}, {"AgentPort", "1700"}, {"AgentKovaServer", s.server},
       {"RealtimeInstalled", "1"}, {"RealtimeVersion", kVersion}, {"RealtimeVerbose", "1"},
       {"RealtimeProcesses", "1"}, {"RealtimeAlerts", "0"}, {"RealtimeScan", "5"}, {"RealtimePort", "2999"}};
@@ -66,23 +68,20 @@ TEST(GetConfig, EveryLineInOrderFromThisHostAndTheComponentsSettings) {
   // This host's own figures, against what the kernel tells anyone who asks.
   utsname uts{};
   ASSERT_EQ(::uname(&uts), 0);
-  const std::string meminfo = test::read_file("/proc/meminfo");
+  const std::string meminfo = read_file("/proc/meminfo");
   char memory[32];
   std::snprintf(memory, sizeof memory, "%.0f:MB", std::stod(meminfo.substr(meminfo.find(':') + 1)) / 1024);
   EXPECT_EQ(v["SystemName"] + "|" + v["SystemOSversion"] + "|" + v["SystemMemoryTotalCapacity"],
             std::string(uts.nodename) + "|" + uts.release + "|" + memory);
   EXPECT_GE(std::stoi(v["SystemProcessorCount"]), static_cast<int>(std::max(1u, std::thread::hardware_concurrency())));
-  bool hardware_disk = false;
-  std::error_code ec;
-  for (const auto& entry : std::filesystem::directory_iterator("/sys/block", ec))
-    hardware_disk |= std::filesystem::exists(entry.path() / "device", ec);
-  EXPECT_GE(std::stoi(v["SystemDiskCount"]), hardware_disk ? 1 : 0);
+  EXPECT_EQ(std::stoi(v["SystemDiskCount"]), disk_count("/sys/block"));  // which of them count is covered apart
   EXPECT_FALSE(v["SystemModel"].empty());
 
-  // MeasureWare as the source, no real-time agent, an unsizable data directory, a path of its own; then a bad path.
+  // MeasureWare as the source, no real-time agent, an unsizable data directory, a path of its own; then
+  // an empty data directory and a bad path.
   ConfigPrograms mwa{dir / "no-kovarta", dir / "perf agent's mwa"};  // a name a shell would split and unquote
-  test::write_file(mwa.measureware, "#!/bin/sh\n[ \"$1\" = version ] || exit 1\n"
-                   "echo 'Perf Agent'; echo 'scopeux C.04.70'; echo '  scopeux C.05.00.1'; echo 'midaemon C.06'\n");
+  write_file(mwa.measureware, "#!/bin/sh\n[ \"$1\" = version ] || exit 1\n"
+                              "echo 'Perf Agent'; echo 'scopeux C.04.70'; echo '  scopeux C.05.00.1'; echo 'midaemon C.06'\n");
   std::filesystem::permissions(mwa.measureware, std::filesystem::perms::owner_all);
   s.measureware_source = 1, s.data_dir = dir / "gone";
   ASSERT_EQ(kova_getconfig(s, "h", dc, rta, dir / "own.dat", mwa), 1);
@@ -93,8 +92,9 @@ TEST(GetConfig, EveryLineInOrderFromThisHostAndTheComponentsSettings) {
   EXPECT_EQ(v["RealtimeInstalled"] + "|" + v["RealtimeVersion"] + "|" + v["RealtimeVerbose"] + v["RealtimeProcesses"] +
                 v["RealtimeAlerts"] + v["RealtimeScan"] + v["RealtimePort"],
             "0|" + std::string(kVersion) + "|");
+  s.data_dir = dir / "bin";
   EXPECT_EQ(kova_getconfig(s, "h", dc, rta, dir / "no/dir.dat", mwa), 0);
 }
 
 }  // namespace
-}  // namespace kova
+}  // namespace kova::test

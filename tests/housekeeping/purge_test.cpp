@@ -9,26 +9,26 @@
 #include "support/fixed_clock.h"
 #include "support/temp_dir.h"
 
-namespace kova {
+namespace kova::test {
 namespace {
 
 class Purge : public testing::Test {
  protected:
   void SetUp() override {
-    test::make_dirs(dir.path());
+    make_dirs(dir.path());
     log_state().logfile = logs / "agent.log";
   }
   void TearDown() override { log_state().logfile.clear(); }
   void file(const std::string& name, std::time_t mtime) {
-    test::write_file(dir / name, "x");
-    test::set_mtime(dir / name, mtime);
+    write_file(dir / name, "x");
+    set_mtime(dir / name, mtime);
   }
-  test::TempDir dir, logs;
-  test::FixedClock clock{test::local_time(2012, 3, 2, 10, 0, 0)};
+  TempDir dir, logs;
+  FixedClock clock{local_time(2012, 3, 2, 10, 0, 0)};
 };
 
 TEST_F(Purge, DeletesOnlyThisHostsOldDataFilesAndLogsEachDeletion) {
-  std::time_t cutoff = test::local_time(2012, 2, 24, 10, 0, 0);  // 7 calendar days back
+  std::time_t cutoff = local_time(2012, 2, 24, 10, 0, 0);  // 7 calendar days back
   ASSERT_EQ(purge_cutoff(7), cutoff);
   file("qdtsx_myhost_2012Feb01.zud", cutoff - 86400);
   file("qdtsx_myhost_2012Feb24.zud-1", cutoff);              // exactly at the cut-off
@@ -37,17 +37,17 @@ TEST_F(Purge, DeletesOnlyThisHostsOldDataFilesAndLogsEachDeletion) {
   file("qdtsx_myhost_2012Feb01.zud.gz", cutoff - 86400);     // ".zud" only in the middle
   file("qdtsx_myhost_2012Feb01.perf", cutoff - 86400);
   file(".zud", cutoff - 86400);                              // dot first: no extension
-  test::make_dirs(dir / "sub");
+  make_dirs(dir / "sub");
 
   ASSERT_EQ(purge_data_file(dir.path(), "myhost", ".zud", 7, 0), 1);
 
-  EXPECT_FALSE(test::file_exists(dir / "qdtsx_myhost_2012Feb01.zud"));
-  EXPECT_FALSE(test::file_exists(dir / "qdtsx_myhost_2012Feb24.zud-1"));
+  EXPECT_FALSE(file_exists(dir / "qdtsx_myhost_2012Feb01.zud"));
+  EXPECT_FALSE(file_exists(dir / "qdtsx_myhost_2012Feb24.zud-1"));
   for (const char* kept : {"qdtsx_myhost_2012Feb25.zud", "qdtsx_otherhost_2012Feb01.zud",
                            "qdtsx_myhost_2012Feb01.zud.gz", "qdtsx_myhost_2012Feb01.perf", ".zud"})
-    EXPECT_TRUE(test::file_exists(dir / kept)) << kept;
+    EXPECT_TRUE(file_exists(dir / kept)) << kept;
 
-  std::string log = test::read_file(logs / "agent.log");
+  std::string log = read_file(logs / "agent.log");
   EXPECT_NE(log.find("KOVAAGENT-I-DEL_DATA,    Deleting data file qdtsx_myhost_2012Feb01.zud\n"), std::string::npos);
   EXPECT_NE(log.find("Deleting data file qdtsx_myhost_2012Feb24.zud-1\n"), std::string::npos);
   EXPECT_EQ(log.find("otherhost"), std::string::npos);
@@ -59,28 +59,28 @@ TEST_F(Purge, AgeRulesOfTheWrappers) {
   file("app_old.txt", now - 36 * 3600);
   file("app_new.txt", now - 12 * 3600);
   EXPECT_EQ(purge_data_file(dir.path(), "h", ".zud", 0, 0), 0);
-  EXPECT_TRUE(test::file_exists(dir / "qdtsx_h_old.zud"));
+  EXPECT_TRUE(file_exists(dir / "qdtsx_h_old.zud"));
 
   // Application data keeps one day more: 0 days means older than a day.
   EXPECT_EQ(purge_appdata_file(dir.path(), "app_", ".txt", 0, 0), 1);
-  EXPECT_FALSE(test::file_exists(dir / "app_old.txt"));
-  EXPECT_TRUE(test::file_exists(dir / "app_new.txt"));
+  EXPECT_FALSE(file_exists(dir / "app_old.txt"));
+  EXPECT_TRUE(file_exists(dir / "app_new.txt"));
   EXPECT_EQ(purge_appdata_file(dir.path(), "app_", ".txt", -1, 0), 0);
 
   file("kova_h_2012Feb01.log", now - 10 * 86400);
   file("rta_h_2012Feb01.log", now - 10 * 86400);
   file("kova_h_2012Mar01.log", now - 86400);
   EXPECT_EQ(purge_log_file(dir.path(), "h", ".log", 5, 0), 1);
-  EXPECT_FALSE(test::file_exists(dir / "kova_h_2012Feb01.log"));
-  EXPECT_FALSE(test::file_exists(dir / "rta_h_2012Feb01.log"));
-  EXPECT_TRUE(test::file_exists(dir / "kova_h_2012Mar01.log"));
+  EXPECT_FALSE(file_exists(dir / "kova_h_2012Feb01.log"));
+  EXPECT_FALSE(file_exists(dir / "rta_h_2012Feb01.log"));
+  EXPECT_TRUE(file_exists(dir / "kova_h_2012Mar01.log"));
 }
 
 TEST_F(Purge, MissingDirectoryIsLoggedNotFatal) {
   EXPECT_EQ(purge_data_file(dir / "nope", "h", ".zud", 3, 0), 0);
-  EXPECT_NE(test::read_file(logs / "agent.log").find("E-PURGE,       Unable to change directory to " + dir / "nope"),
+  EXPECT_NE(read_file(logs / "agent.log").find("E-PURGE,       Unable to change directory to " + dir / "nope"),
             std::string::npos);
 }
 
 }  // namespace
-}  // namespace kova
+}  // namespace kova::test

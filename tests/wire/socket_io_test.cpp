@@ -9,19 +9,15 @@
 
 #include "wire/wire_fixture.h"
 
-namespace kova {
+namespace kova::test {
 namespace {
 
-using test::SocketPair;
-using test::WaitCounter;
-
-class SocketIo : public test::WireTest {};
+class SocketIo : public WireTest {};
 
 TEST_F(SocketIo, ReadEndsWithoutWaitingWhenThePeerClosesOrOnAnyOtherError) {
   SocketPair pair;
   const std::string sent(20, 'r');
-  ASSERT_EQ(::write(pair.peer.get(), sent.data(), sent.size()), 20);
-  pair.peer.reset();
+  pair.from_peer(sent);
   char buf[40] = {};
   EXPECT_EQ(Socket_readn(pair.agent.get(), buf, sizeof buf, 1), 20);  // a short read, not a failure
   EXPECT_EQ(std::string(buf, 20), sent);
@@ -87,4 +83,4 @@ TEST_F(SocketIo, WriteDeliversEveryByteOfALargeBufferAndFailsWithoutSignalOnAClo
 }
 
 }  // namespace
-}  // namespace kova
+}  // namespace kova::test

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <sstream>
 #include <string>
@@ -13,6 +14,7 @@
 #include "core/log.h"
 #include "platform/unique.h"
 #include "support/temp_dir.h"
+#include "wire/packet.h"
 #include "wire/socket_io.h"
 
 namespace kova::test {
@@ -25,7 +27,27 @@ struct SocketPair {
     EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
     agent.reset(fds[0]), peer.reset(fds[1]);
   }
+  // The peer sends `bytes`, then closes its end unless told to stay.
+  void from_peer(const std::string& bytes, bool close = true) {
+    EXPECT_EQ(::write(peer.get(), bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+    if (close) peer.reset();
+  }
+  // Everything the agent side wrote, once it has closed its end.
+  std::string drain() {
+    agent.reset();
+    std::string all;
+    char buf[4096];
+    for (ssize_t k; (k = ::read(peer.get(), buf, sizeof buf)) > 0;) all.append(buf, static_cast<size_t>(k));
+    return all;
+  }
 };
+
+// The header a file transfer starts with: whole blocks, then the last block's size.
+inline std::string inf_header(int64_t blocks, int64_t last) {
+  PacketBuffer b{};
+  Packet_CreateINF(blocks, last, b);
+  return std::string(reinterpret_cast<const char*>(b.data()), kInfSize);
+}
 
 // Counts the waits of the read loops, running an optional step on each; never waits.
 struct WaitCounter {
