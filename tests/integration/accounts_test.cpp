@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <tuple>
 
 #include "support/agent_process.h"
 
@@ -49,7 +50,7 @@ class Accounts : public testing::Test {
   uid_t uid_ = 0;
 };
 
-TEST_F(Accounts, OnlyRootOrTheServiceAccountMayStartIt) {
+TEST_F(Accounts, OnlyRootOrTheServiceAccountMayStartOrStopItAndItKeepsOnlyItsCapabilities) {
   passwd* nobody = ::getpwnam("nobody");
   ASSERT_NE(nobody, nullptr);
   RunResult refused = run_agent({"-rootdir", tree_.root(), "-user", kServiceAccount, "-port",
@@ -58,20 +59,16 @@ TEST_F(Accounts, OnlyRootOrTheServiceAccountMayStartIt) {
   EXPECT_EQ(refused.status, 0);
   EXPECT_EQ(refused.err, "kovaagent can be started or stopped only by an authorized account.\n");
   EXPECT_NE(refused.out.find("Build: V10.0-001 (Feb 23 2012)\n"), std::string::npos);
-}
 
-TEST_F(Accounts, StartedByRootItRunsAsTheServiceAccountWithOnlyTheKeptCapabilities) {
+  // Started by root, it runs as the service account.
   RunningAgent agent(tree_, free_port(), {"-user", kServiceAccount});
   ASSERT_TRUE(agent.started()) << agent.launch().err;
   std::string uid = std::to_string(uid_);
   EXPECT_EQ(status_field(agent.pid(), "Uid"), uid + "\t" + uid + "\t" + uid + "\t" + uid);
-  for (const char* set : {"CapPrm", "CapEff", "CapInh", "CapBnd", "CapAmb"}) {
-    unsigned long long bits = std::stoull(status_field(agent.pid(), set), nullptr, 16);
-    EXPECT_EQ(bits & ~kKept, 0u) << set << " " << std::hex << bits;
-  }
-  EXPECT_EQ(std::stoull(status_field(agent.pid(), "CapPrm"), nullptr, 16), kKept);
-  // Between requests only file_dac_write (DAC_OVERRIDE, FOWNER) is in effect.
-  EXPECT_EQ(std::stoull(status_field(agent.pid(), "CapEff"), nullptr, 16), (1ull << 1) | (1ull << 3));
+  const auto caps = [&](const char* set) { return std::stoull(status_field(agent.pid(), set), nullptr, 16); };
+  for (const char* set : {"CapInh", "CapBnd", "CapAmb"}) EXPECT_EQ(caps(set) & ~kKept, 0u) << set;
+  // Between requests only file_dac_write (DAC_OVERRIDE, FOWNER) of the kept set is in effect.
+  EXPECT_EQ(std::tuple(caps("CapPrm"), caps("CapEff")), std::tuple(kKept, (1ull << 1) | (1ull << 3)));
   EXPECT_NE(read_file(tree_.lock_path()).find(std::string("USER~") + kServiceAccount + "\n"), std::string::npos);
   EXPECT_EQ(hex(round_trip(agent.port(), request_packet(14))), "0a00060000000000");
 

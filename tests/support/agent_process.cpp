@@ -94,11 +94,9 @@ std::string InstallTree::hostname() const {
 }
 
 std::string InstallTree::log() const {
-  std::time_t now = std::time(nullptr);
-  std::tm local{};
-  localtime_r(&now, &local);
+  const std::time_t now = std::time(nullptr);
   char date[32];
-  std::strftime(date, sizeof date, "%Y%b%d", &local);
+  std::strftime(date, sizeof date, "%Y%b%d", std::localtime(&now));
   return read_file(dir_ / ("logs/kova_" + hostname() + "_" + date + ".log"));
 }
 
@@ -161,11 +159,11 @@ RunningAgent::RunningAgent(const InstallTree& tree, int port, std::vector<std::s
     std::string content = read_file(lock);
     if (auto at = content.find("PID~"); at != std::string::npos) pid_ = std::atoi(content.c_str() + at + 4);
   }
-  auto accepting = [&] {
-    int fd = connect_loopback(port_);
-    return fd >= 0 && ::close(fd) == 0;
+  const auto accepting = [&] {
+    const int fd = connect_loopback(port_);
+    return (fd >= 0 && ::close(fd) == 0) || !alive();
   };
-  if (pid_ > 0 && !eventually([&] { return accepting() || !alive(); }, std::chrono::seconds(10))) pid_ = -1;
+  if (pid_ > 0 && !eventually(accepting, std::chrono::seconds(10))) pid_ = -1;
   eventually([&] {
     reap_strays(pid_);
     siginfo_t info{};
