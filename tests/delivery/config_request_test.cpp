@@ -9,8 +9,9 @@
 namespace kova::test {
 namespace {
 
-std::string transfer(const std::string& content) {
-  return inf_header(content.size() / 522, content.size() % 522) + content;
+// A transfer of `content`, and the result that goes with it.
+std::pair<std::string, int> transfer(const std::string& content, int result = kTransferOk) {
+  return {inf_header(content.size() / 522, content.size() % 522) + content, result};
 }
 
 class ConfigRequest : public WireTest {
@@ -25,38 +26,35 @@ class ConfigRequest : public WireTest {
     // The collector's settings under this install tree, not the process's.
     write_file(dir_ / "settings/vorn_" + s_.hostname + ".config", "SCAN_RATE~4321\n");
   }
-  // The bytes sent for a SYSCONFIG_NODE request naming `host`.
-  std::string serve(const std::string& host) {
+  // The bytes sent for a SYSCONFIG_NODE request naming `host`, and the result.
+  std::pair<std::string, int> serve(const std::string& host) {
     SocketPair pair;
-    result_ = process_config_node_request(pair.agent.get(), s_, "127.0.0.9",
-                                          reinterpret_cast<const unsigned char*>(host.data()),
-                                          static_cast<int>(host.size()), buffer_);
-    return pair.drain();
+    const int result = process_config_node_request(pair.agent.get(), s_, "127.0.0.9",
+                                                   reinterpret_cast<const unsigned char*>(host.data()),
+                                                   static_cast<int>(host.size()), buffer_);
+    return {pair.drain(), result};
   }
 
   AgentSettings s_;
   std::string report_;
-  int result_ = -1;
   PacketBuffer buffer_{};
 };
 
 // The plain request (write, send, delete) is covered against the real binary.
 TEST_F(ConfigRequest, NodeRegeneratesOwnHostAndSendsOtherHostsFileAsItIs) {
   write_file(report_, "stale\n");
-  const std::string wire = serve(s_.hostname);
-  EXPECT_EQ(wire, transfer(read_file(report_)));
-  EXPECT_EQ(result_, kTransferOk);
+  const auto sent = serve(s_.hostname);
+  EXPECT_EQ(sent, transfer(read_file(report_)));
   EXPECT_NE(read_file(report_).find("\nCollectorScan:4321\n"), std::string::npos);  // fresh, and kept
 
   const std::string esx(1300, 'e');  // a virtual host's report, as its collector wrote it
   write_file(s_.tmp_dir + "/kova_sysconf_esx01.dat", esx);
   EXPECT_EQ(serve(std::string("esx01\0zz", 8)), transfer(esx));
-  EXPECT_EQ(serve("esx02"), transfer(""));
-  EXPECT_EQ(result_, kTransferReadFailed);
+  EXPECT_EQ(serve("esx02"), transfer("", kTransferReadFailed));
 
   make_dirs(s_.tmp_dir + "/kova_sysconf_x");
   write_file(dir_ / "secret.dat", "secret");
-  EXPECT_EQ(serve("x/../../secret"), transfer(""));  // would lead out of the tmp directory: names nothing
+  EXPECT_EQ(serve("x/../../secret"), transfer("", kTransferReadFailed));  // would leave the tmp directory
 }
 
 }  // namespace

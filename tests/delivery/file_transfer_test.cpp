@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <string>
 #include <tuple>
@@ -107,27 +106,6 @@ TEST_F(FileTransfer, ReceiveCutMidFileKeepsTheWholeBlocksAndRefusesAFileItCannot
             kTransferOpenFailed);
   EXPECT_EQ(refused.drain(), "");
   EXPECT_EQ(logged("E-OPEN", "Unable to open " + (dir_ / "no/such/dir") + " : No such file or directory"), 1);
-}
-
-TEST_F(FileTransfer, CompressQuotesTheFileNameAndNamesTheOutput) {
-  std::string out;
-  EXPECT_EQ(compress_file("gzip *", dir_ / "x", out), 0);
-  EXPECT_EQ(logged("E-COMPRESS", "compression command doesnt contain an output file"), 1);
-  EXPECT_EQ(compress_file("", dir_ / "x", out), 0);
-  EXPECT_EQ(compress_file("cp * *.gz", "", out), 0);
-
-  const std::string hostile = dir_ / "a b'c;touch pwned";
-  write_file(hostile, "payload");
-  std::string ext;
-  // An injected "touch pwned" would land in the working directory.
-  char cwd[4096];
-  ASSERT_NE(::getcwd(cwd, sizeof cwd), nullptr);
-  ASSERT_EQ(::chdir(dir_.path().c_str()), 0);
-  EXPECT_EQ(compress_file("cp * *.cp -f", hostile, out, &ext), 1);
-  ASSERT_EQ(::chdir(cwd), 0);
-  EXPECT_EQ(std::tuple(out, ext, read_file(out)), std::tuple(hostile + ".cp", ".cp", "payload"));
-  EXPECT_FALSE(file_exists(dir_ / "pwned"));
-  EXPECT_EQ(logged("I-COMPRESS", "Running, cp " + hostile + " " + hostile + ".cp -f"), 1);
 }
 
 }  // namespace

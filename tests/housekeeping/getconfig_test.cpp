@@ -80,8 +80,9 @@ TEST(GetConfig, EveryLineInOrderFromThisHostAndTheComponentsSettings) {
   // MeasureWare as the source, no real-time agent, an unsizable data directory, a path of its own; then
   // an empty data directory and a bad path.
   ConfigPrograms mwa{dir / "no-kovarta", dir / "perf agent's mwa"};  // a name a shell would split and unquote
-  write_file(mwa.measureware, "#!/bin/sh\n[ \"$1\" = version ] || exit 1\n"
-                              "echo 'Perf Agent'; echo 'scopeux C.04.70'; echo '  scopeux C.05.00.1'; echo 'midaemon C.06'\n");
+  write_file(mwa.measureware,
+             "#!/bin/sh\n[ \"$1\" = version ] || exit 1\n"
+             "echo 'Perf Agent'; echo 'scopeux C.04.70'; echo '  scopeux C.05.00.1'; echo 'midaemon C.06'\n");
   std::filesystem::permissions(mwa.measureware, std::filesystem::perms::owner_all);
   s.measureware_source = 1, s.data_dir = dir / "gone";
   ASSERT_EQ(kova_getconfig(s, "h", dc, rta, dir / "own.dat", mwa), 1);

@@ -53,19 +53,11 @@ TEST_F(Purge, DeletesOnlyThisHostsOldDataFilesAndLogsEachDeletion) {
   EXPECT_EQ(log.find("otherhost"), std::string::npos);
 }
 
-TEST_F(Purge, AgeRulesOfTheWrappers) {
+TEST_F(Purge, AgeRulesOfTheWrappersAndAMissingDirectory) {
   std::time_t now = clock_now();
   file("qdtsx_h_old.zud", now - 30 * 86400);
-  file("app_old.txt", now - 36 * 3600);
-  file("app_new.txt", now - 12 * 3600);
   EXPECT_EQ(purge_data_file(dir.path(), "h", ".zud", 0, 0), 0);
   EXPECT_TRUE(file_exists(dir / "qdtsx_h_old.zud"));
-
-  // Application data keeps one day more: 0 days means older than a day.
-  EXPECT_EQ(purge_appdata_file(dir.path(), "app_", ".txt", 0, 0), 1);
-  EXPECT_FALSE(file_exists(dir / "app_old.txt"));
-  EXPECT_TRUE(file_exists(dir / "app_new.txt"));
-  EXPECT_EQ(purge_appdata_file(dir.path(), "app_", ".txt", -1, 0), 0);
 
   file("kova_h_2012Feb01.log", now - 10 * 86400);
   file("rta_h_2012Feb01.log", now - 10 * 86400);
@@ -74,9 +66,7 @@ TEST_F(Purge, AgeRulesOfTheWrappers) {
   EXPECT_FALSE(file_exists(dir / "kova_h_2012Feb01.log"));
   EXPECT_FALSE(file_exists(dir / "rta_h_2012Feb01.log"));
   EXPECT_TRUE(file_exists(dir / "kova_h_2012Mar01.log"));
-}
 
-TEST_F(Purge, MissingDirectoryIsLoggedNotFatal) {
   EXPECT_EQ(purge_data_file(dir / "nope", "h", ".zud", 3, 0), 0);
   EXPECT_NE(read_file(logs / "agent.log").find("E-PURGE,       Unable to change directory to " + dir / "nope"),
             std::string::npos);

@@ -4,8 +4,9 @@
 
 #include <algorithm>
 #include <string>
-#include <vector>
+#include <tuple>
 
+#include "support/agent_process.h"
 #include "wire/wire_fixture.h"
 
 namespace kova::test {
@@ -31,38 +32,37 @@ TEST_F(ExtendedFraming, LengthDecidesPayloadOrBadPacketAndTheTagIsCutTo37Bytes) 
   std::fill(request.begin() + 2, request.begin() + 39, 'T');
   request[39] = 'Z';
   const struct {
-    std::vector<unsigned char> length_field;
+    std::string length_field;
     size_t payload_sent;
     FrameStatus status;
     int length;
     const char* log_line;  // "": no log line
   } cases[] = {
-      {{0x00, 0x80}, 10, FrameStatus::kOk, 0, ""},  // -32768: no payload
-      {{0x05, 0x00}, 5, FrameStatus::kOk, 5, ""},
-      {{0x00, 0x08}, 2048, FrameStatus::kOk, 2048, ""},
-      {{0x01, 0x08}, 2049, FrameStatus::kLengthTooLarge, 0,
+      {le16(-32768), 10, FrameStatus::kOk, 0, ""},  // no payload
+      {le16(5), 5, FrameStatus::kOk, 5, ""},
+      {le16(2048), 2048, FrameStatus::kOk, 2048, ""},
+      {le16(2049), 2049, FrameStatus::kLengthTooLarge, 0,
        "KOVAAGENT-I-BADPACKET,   Failed to read packet: length 2049 exceeds the limit of 2048"},
-      {{0x0A, 0x00}, 4, FrameStatus::kPayloadShort, 0,
+      {le16(10), 4, FrameStatus::kPayloadShort, 0,
        "KOVAAGENT-I-BADPACKET,   Failed to read packet: length read 4 of  10 "},
-      {{}, 0, FrameStatus::kLengthNotRead, 0, "KOVAAGENT-W-BADPACKET,   Failed to read extended packet length"},
+      {"", 0, FrameStatus::kLengthNotRead, 0, "KOVAAGENT-W-BADPACKET,   Failed to read extended packet length"},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE("declared bytes " + std::to_string(c.length_field.size()) + " sent " + std::to_string(c.payload_sent));
+    SCOPED_TRACE(c.payload_sent);
     const std::string before = log_text();
     slept = 0;
+    std::string payload;
+    for (size_t i = 0; i < c.payload_sent; ++i) payload += static_cast<char>('a' + i % 26);
     SocketPair pair;
-    std::string wire(c.length_field.begin(), c.length_field.end());
-    for (size_t i = 0; i < c.payload_sent; ++i) wire += static_cast<char>('a' + i % 26);
-    pair.from_peer(wire);
-
+    pair.from_peer(c.length_field + payload);
     ExtendedRequest out;
     out.tag.fill('#');
     read_extended_tag(request, out);
     EXPECT_EQ(read_extended_payload(pair.agent.get(), out, 0), c.status);
-    EXPECT_EQ(out.length, c.length);
-    EXPECT_EQ(slept, kExtendedPause);
-    EXPECT_EQ(std::string(out.tag.data()), std::string(37, 'T'));
-    if (c.length > 0) { EXPECT_EQ(out.payload[static_cast<size_t>(c.length) - 1], 'a' + (c.length - 1) % 26); }
+    EXPECT_EQ(std::tuple(out.length, slept, std::string(out.tag.data())),
+              std::tuple(c.length, kExtendedPause, std::string(37, 'T')));  // the tag cut to its field
+    const std::string taken(reinterpret_cast<const char*>(out.payload.data()), static_cast<size_t>(out.length));
+    EXPECT_EQ(taken, payload.substr(0, taken.size()));
     const std::string added = log_text().substr(before.size());
     EXPECT_TRUE(*c.log_line == '\0' ? added.empty() : added.find(c.log_line) != std::string::npos) << added;
   }

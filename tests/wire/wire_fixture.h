@@ -8,7 +8,6 @@
 
 #include <sstream>
 #include <string>
-#include <vector>
 
 #include "core/clock.h"
 #include "core/log.h"
@@ -75,24 +74,24 @@ class WireTest : public ::testing::Test {
   void TearDown() override {
     wire_hooks() = saved_hooks_, process_clock() = saved_clock_, log_state().logfile = saved_log_;
   }
-  std::string log_text() const { return file_exists(dir_ / "agent.log") ? read_file(dir_ / "agent.log") : ""; }
-  // Lines with this tag whose message contains `message`.
-  int logged(const std::string& tag, const std::string& message) const {
-    return lines_with("KOVAAGENT-" + tag + ",", message);
-  }
-  int count_in_log(const std::string& needle) const { return lines_with(needle, ""); }
-
-  static inline unsigned slept = 0;
-  TempDir dir_;
-
- private:
-  int lines_with(const std::string& needle, const std::string& message) const {  // `message` after `needle`
+  std::string log_text() const { return read_file(dir_ / "agent.log"); }
+  // Log lines holding `needle`, with `message` after it.
+  int count_in_log(const std::string& needle, const std::string& message = "") const {
     std::istringstream in(log_text());
     int n = 0;
     for (std::string line; std::getline(in, line);)
       n += line.find(needle) != std::string::npos && line.find(message, line.find(needle)) != std::string::npos;
     return n;
   }
+  // Log lines with this tag whose message contains `message`.
+  int logged(const std::string& tag, const std::string& message) const {
+    return count_in_log("KOVAAGENT-" + tag + ",", message);
+  }
+
+  static inline unsigned slept = 0;
+  TempDir dir_;
+
+ private:
   WireHooks saved_hooks_{};
   Clock saved_clock_{};
   std::string saved_log_;
