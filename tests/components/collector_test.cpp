@@ -5,17 +5,14 @@
 
 #include <cstdlib>
 #include <string>
+#include <tuple>
 
 #include "component_fixture.h"
 
-namespace kova {
+namespace kova::test {
 namespace {
 
-using test::file_exists;
-using test::read_file;
-using test::write_file;
-
-class Collector : public test::ComponentTest {
+class Collector : public ComponentTest {
  protected:
   void SetUp() override {
     ComponentTest::SetUp();
@@ -36,31 +33,26 @@ class Collector : public test::ComponentTest {
 };
 
 TEST_F(Collector, SettingsMergeTakesOnlyWhatItMay) {
-  struct Case {
+  const struct {
     const char* name;
     int dump, peak, retain, result, write, peak_after, retain_after;
     const char* logged;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"zero and negatives ignored", 0, -1, -1, 0, 120, 0, 30, ""},
       {"dump taken", 300, 0, 30, 1, 300, 0, 30, "dump interval from 120 to 300"},
       {"peak taken", 120, 5000, 30, 1, 120, 5000, 30, "peak interval from 0 to 5000"},
       {"retain taken, a short dump not", 30, 0, 7, 1, 120, 0, 7, "retain from 30 to 7"},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     ::unlink(settings_file().c_str());
     DcSettings& dc = collector_state().dc_cmdline;
-    dc.write_rate = 120;
-    dc.peak_rate = 0;
-    dc.retain = 30;
+    dc.write_rate = 120, dc.peak_rate = 0, dc.retain = 30;
     EXPECT_EQ(compare_dc_settings(dc, c.dump, c.peak, c.retain), c.result);
-    EXPECT_EQ(dc.write_rate, c.write);
-    EXPECT_EQ(dc.peak_rate, c.peak_after);
-    EXPECT_EQ(dc.retain, c.retain_after);
-    EXPECT_EQ(file_exists(settings_file()), c.result == 1);
-    const std::string written = read_file(settings_file());
-    EXPECT_EQ(written.find("WRITE_RATE~" + std::to_string(c.write) + "\n") != std::string::npos, c.result == 1);
+    EXPECT_EQ(std::tuple(dc.write_rate, dc.peak_rate, dc.retain), std::tuple(c.write, c.peak_after, c.retain_after));
+    // Written only on a change, and then with the merged rate.
+    EXPECT_EQ(read_file(settings_file()).find("WRITE_RATE~" + std::to_string(c.write) + "\n") != std::string::npos,
+              c.result == 1);
     EXPECT_NE(log_text().find(c.logged), std::string::npos) << log_text();
   }
 }
@@ -75,33 +67,32 @@ TEST_F(Collector, GrowthWatchStopsTrustingAFileThatStopsGrowing) {
 
   const std::string data = fake_data("qdtsx_a:1.zud-1", "sample\n");  // its state line is split from the right
   settings_.growth_interval = 300;  // below the minimum: 900 is used
-  const std::time_t t0 = test::fake_now;
+  const std::time_t t0 = fake_now;
   CollectorState& state = collector_state();
   EXPECT_EQ(check_dc_datafile_size(settings_), 1) << "the first check only records";
   EXPECT_EQ(read_file(state_file()), data + ":7:" + std::to_string(t0) + "\n");
 
   // Each request child starts from an empty copy; the watch comes back from the file.
   state = CollectorState{};
-  test::fake_now = t0 + 900;
+  fake_now = t0 + 900;
   EXPECT_EQ(check_dc_datafile_size(settings_), 1) << "not yet due";
-  test::fake_now = t0 + 901;
+  fake_now = t0 + 901;
   EXPECT_EQ(check_dc_datafile_size(settings_), -1);
   EXPECT_NE(log_text().find("file size NOT increasing... 0 < 0"), std::string::npos);
   EXPECT_EQ(read_file(state_file()), data + ":7:" + std::to_string(t0) + "\n") << "state kept";
 
   write_file(data, "sample\nmore\n");
   EXPECT_EQ(check_dc_datafile_size(settings_), 1);
-  EXPECT_EQ(state.l_last_datafile_size, 12);
-  EXPECT_EQ(state.last_dc_checktime, t0 + 901);
+  EXPECT_EQ(std::tuple(state.l_last_datafile_size, state.last_dc_checktime), std::tuple(12, t0 + 901));
 
   // A new day's file, smaller than the old one: all of it is growth.
   const std::string next = fake_data("qdtsx_b.zud-1", "s\n");
-  test::fake_now = t0 + 2000;
+  fake_now = t0 + 2000;
   EXPECT_EQ(check_dc_datafile_size(settings_), 1);
   EXPECT_NE(log_text().find("Size: (2  - 0),   growth: 2"), std::string::npos) << log_text();
   EXPECT_EQ(state.last_dc_filename, next);
 
-  test::fake_now = t0 + 3000;
+  fake_now = t0 + 3000;
   settings_.check_growth = 0;
   EXPECT_EQ(check_dc_datafile_size(settings_), 1) << "watch off";
 }
@@ -115,7 +106,7 @@ TEST_F(Collector, GrowthIntervalOutsideItsRangeBecomes900) {
     collector_state() = CollectorState{};
     settings_.growth_interval = static_cast<int>(configured);
     ASSERT_EQ(check_dc_datafile_size(settings_), 1);
-    test::fake_now += elapsed;
+    fake_now += elapsed;
     EXPECT_EQ(check_dc_datafile_size(settings_), result);
   }
 }
@@ -140,13 +131,13 @@ TEST_F(Collector, CollectorWhoseFileStopsGrowingIsStopped) {
   ASSERT_EQ(StartDC_UNIX("10.0.0.1", 0, 0, 30, settings_), kStatusRunning) << log_text();
   const int pid = collector_pid();
   ASSERT_GT(pid, 0);
-  test::fake_now += 60;
+  fake_now += 60;
   EXPECT_EQ(CheckDC_UNIX(settings_), kStatusRunning);
 
-  test::fake_now += 20 * 60;
+  fake_now += 20 * 60;
   EXPECT_EQ(CheckDC_UNIX(settings_), kStatusNotRunning);
   EXPECT_NE(log_text().find("GrowthAction:  Stopping vORN Monitor..."), std::string::npos) << log_text();
-  EXPECT_TRUE(test::wait_for_exit(pid));
+  EXPECT_TRUE(wait_for_exit(pid));
   EXPECT_FALSE(file_exists(settings_.collector_lock_path));
   EXPECT_EQ(collector_state().last_dc_checktime, 0) << "the watch starts afresh";
   EXPECT_FALSE(file_exists(state_file())) << "also for the request children to come";
@@ -168,10 +159,10 @@ TEST_F(Collector, CollectorThatKeepsWritingStaysUpAndStaleLocksAreNotSignalled) 
   ASSERT_EQ(dc_get_filename_from_lockfile(settings_.collector_lock_path, data), 1);
   const std::string before = read_file(data);
   for (int i = 0; i < 250 && read_file(data) == before; ++i) ::usleep(20000);
-  test::fake_now += 20 * 60;
+  fake_now += 20 * 60;
   EXPECT_EQ(CheckDC_UNIX(settings_), kStatusRunning) << log_text();
   EXPECT_EQ(StopDC_UNIX(settings_), kStatusNotRunning);
-  EXPECT_TRUE(test::wait_for_exit(pid));
+  EXPECT_TRUE(wait_for_exit(pid));
   EXPECT_FALSE(file_exists(settings_.collector_lock_path));
 }
 
@@ -185,4 +176,4 @@ TEST_F(Collector, MeasurewareModeDrivesItsOwnCommands) {
 }
 
 }  // namespace
-}  // namespace kova
+}  // namespace kova::test

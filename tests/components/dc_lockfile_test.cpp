@@ -9,12 +9,8 @@
 
 #include "support/temp_dir.h"
 
-namespace kova {
+namespace kova::test {
 namespace {
-
-using test::file_exists;
-using test::TempDir;
-using test::write_file;
 
 // A lock file as the current collector writes it.
 const char* const kCurrent =
@@ -97,4 +93,4 @@ TEST(DcLockfile, GenerationsAreToldApartByTheirLockFilesOrPrograms) {
 }
 
 }  // namespace
-}  // namespace kova
+}  // namespace kova::test

@@ -9,17 +9,13 @@
 
 #include "support/temp_dir.h"
 
-namespace kova {
+namespace kova::test {
 namespace {
-
-using test::read_file;
-using test::TempDir;
-using test::write_file;
 
 DcSettings record_in(const TempDir& dir) {
   DcSettings r;
   r.hostname = "web1";
-  test::make_dirs(dir / "settings");
+  make_dirs(dir / "settings");
   dc_adjust_path_settings(r, dir.path());
   return r;
 }
@@ -103,29 +99,30 @@ TEST(DcSettings, UpdatePathsResolvesLinksAndKeepsTheFilePaths) {
   EXPECT_EQ(dc_update_paths(r, dir / "nowhere"), 0);
   EXPECT_EQ(r.install_dir, dir.path());
 
-  test::make_dirs(dir / "big/data");
-  test::make_dirs(dir / "new/logs");
+  make_dirs(dir / "big/data");
+  make_dirs(dir / "new/logs");
   std::filesystem::create_directory_symlink(dir / "big/data", dir / "new/data");
   std::filesystem::create_symlink(dir / "gone", dir / "new/tmp");
   ASSERT_EQ(dc_update_paths(r, dir / "new"), 1);
-  EXPECT_EQ(r.install_dir, dir / "new");
-  EXPECT_EQ(r.data_dir, std::filesystem::canonical(dir / "big/data").string());
-  EXPECT_EQ(r.log_dir, dir / "new/logs");
-  EXPECT_EQ(r.tmp_dir, dir / "new/tmp") << "a dangling link keeps its formed path";
-  EXPECT_EQ(r.settings_dir, dir / "new/settings") << "so does a missing directory";
-  EXPECT_EQ(r.lock_file, dir / "tmp/web1_monitor.lock");
+  // A dangling link and a missing directory keep their formed paths; so does the lock file.
+  EXPECT_EQ(std::tie(r.install_dir, r.data_dir, r.log_dir, r.tmp_dir, r.settings_dir, r.lock_file),
+            std::tuple(dir / "new", std::filesystem::canonical(dir / "big/data").string(), dir / "new/logs",
+                       dir / "new/tmp", dir / "new/settings", dir / "tmp/web1_monitor.lock"));
 }
 
+// The install root comes from VANTREL_LIBRARY, less a trailing "/"; one character is no root.
 TEST(DcSettings, InitTakesTheRootFromTheEnvironment) {
-  ::setenv("VANTREL_LIBRARY", "/opt/x/", 1);
-  DcSettings r;
-  r.write_rate = 5;
-  EXPECT_EQ(dc_init_command_line(r), 1);
-  ::unsetenv("VANTREL_LIBRARY");
-  EXPECT_EQ(std::tuple(r.install_dir, r.data_dir, r.write_rate), std::tuple("/opt/x", "/opt/x/data", 120));
-  EXPECT_EQ(r.hostname.find('.'), std::string::npos);
-  EXPECT_EQ(r.settings_file, "/opt/x/settings/vorn_" + r.hostname + ".config");
+  for (auto [value, root] : {std::pair{"/opt/x/", "/opt/x"}, {"/", "/opt/vantrel"}, {nullptr, "/opt/vantrel"}}) {
+    if (value != nullptr) ::setenv("VANTREL_LIBRARY", value, 1);
+    DcSettings r;
+    r.write_rate = 5;
+    EXPECT_EQ(dc_init_command_line(r), 1);
+    ::unsetenv("VANTREL_LIBRARY");
+    EXPECT_EQ(std::tuple(r.install_dir, r.data_dir, r.write_rate), std::tuple(root, std::string(root) + "/data", 120));
+    EXPECT_EQ(r.settings_file, std::string(root) + "/settings/vorn_" + r.hostname + ".config");
+    EXPECT_EQ(r.hostname.find('.'), std::string::npos);
+  }
 }
 
 }  // namespace
-}  // namespace kova
+}  // namespace kova::test

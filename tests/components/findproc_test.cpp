@@ -15,7 +15,7 @@
 #include "core/log.h"
 #include "support/temp_dir.h"
 
-namespace kova {
+namespace kova::test {
 namespace {
 
 // A process whose short name is its program's file name, killed and reaped by its pid; in a new PID
@@ -48,16 +48,16 @@ class Started {
   int pid_ = -1;
 };
 
-std::string sleeper(const test::TempDir& dir, const std::string& name) {
+std::string sleeper(const TempDir& dir, const std::string& name) {
   EXPECT_EQ(::symlink("/bin/sleep", (dir / name).c_str()), 0);
   return dir / name;
 }
 
 TEST(Findproc, ShortNameMustOccurInsideTheGivenName) {
-  test::TempDir dir;
+  TempDir dir;
   Started monitor(sleeper(dir, "vorn_monitor"), "60");
   ASSERT_GT(monitor.pid(), 0);
-  const int absent = std::stoi(test::read_file("/proc/sys/kernel/pid_max")) + 1;
+  const int absent = std::stoi(read_file("/proc/sys/kernel/pid_max")) + 1;
   const std::tuple<const char*, int, int> cases[] = {
       {"vorn_monitor", monitor.pid(), 1}, {"vorn_monitor_es", monitor.pid(), 1}, {"bin/vorn_monitor", monitor.pid(), 1},
       {"vorn_monito", monitor.pid(), 0},  {"kovarta", monitor.pid(), 0},         {"vorn_monitor", absent, 0}};
@@ -65,7 +65,7 @@ TEST(Findproc, ShortNameMustOccurInsideTheGivenName) {
 }
 
 TEST(FindProcessByName, ComparesWholeShortNamesSkipsTheGivenPidAndNeverFindsSixteenCharacters) {
-  test::TempDir dir;
+  TempDir dir;
   const std::string name = string_printf("kf%d", static_cast<int>(::getpid()));
   Started first(sleeper(dir, name), "60");
   Started second(dir / name, "60");
@@ -80,7 +80,7 @@ TEST(FindProcessByName, ComparesWholeShortNamesSkipsTheGivenPidAndNeverFindsSixt
   EXPECT_EQ(findproc_nopid(name, 0), first.pid());
 
   const std::string long_name = string_printf("longname_%07d", static_cast<int>(::getpid()));
-  test::write_file(dir / long_name, "#!/bin/sh\nread line < \"$1\"\n");
+  write_file(dir / long_name, "#!/bin/sh\nread line < \"$1\"\n");
   ASSERT_EQ(::chmod((dir / long_name).c_str(), 0755), 0);
   ASSERT_EQ(::mkfifo((dir / "fifo").c_str(), 0600), 0);
   Started script(dir / long_name, dir / "fifo");  // it blocks in the shell's own read, with no child
@@ -93,7 +93,7 @@ TEST(FindProcessByName, ComparesWholeShortNamesSkipsTheGivenPidAndNeverFindsSixt
 
 TEST(FindProcessByName, IgnoresProcessesOfAnotherZone) {
   if (::geteuid() != 0) GTEST_SKIP() << "a new PID namespace needs root";
-  test::TempDir dir;
+  TempDir dir;
   const std::string name = string_printf("kz%d", static_cast<int>(::getpid()));
   Started outside(sleeper(dir, name), "60", true);
   ASSERT_GT(outside.pid(), 0);
@@ -104,4 +104,4 @@ TEST(FindProcessByName, IgnoresProcessesOfAnotherZone) {
 }
 
 }  // namespace
-}  // namespace kova
+}  // namespace kova::test

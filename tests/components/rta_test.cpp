@@ -7,12 +7,8 @@
 
 #include "component_fixture.h"
 
-namespace kova {
+namespace kova::test {
 namespace {
-
-using test::file_exists;
-using test::read_file;
-using test::write_file;
 
 RtaSettings record_in(const std::string& root) {
   RtaSettings r;
@@ -22,8 +18,8 @@ RtaSettings record_in(const std::string& root) {
 }
 
 TEST(RtaSettingsFile, ReadRules) {
-  test::TempDir dir;
-  test::make_dirs(dir / "settings");
+  TempDir dir;
+  make_dirs(dir / "settings");
   RtaSettings r = record_in(dir.path());
   write_file(r.settings_file,
              "ALERTS~5\nPROCESSES~1\nPRIORITY~4\nUSER~ sam \nRTA_PORT~2300\nSCAN_RATE~5\nLOG_DIR~/l\n");
@@ -42,8 +38,8 @@ TEST(RtaSettingsFile, ReadRules) {
 }
 
 TEST(RtaSettingsFile, MergeWritesOnlyOnAChange) {
-  test::TempDir dir;
-  test::make_dirs(dir / "settings");
+  TempDir dir;
+  make_dirs(dir / "settings");
   RtaSettings r = record_in(dir.path());
   EXPECT_EQ(compare_rta_settings(r, 0, 0, 0), 0) << "port 0 and scan 0 keep the stored values";
   EXPECT_EQ(compare_rta_settings(r, 2101, 0, 2), 0);
@@ -60,7 +56,7 @@ TEST(RtaSettingsFile, MergeWritesOnlyOnAChange) {
 }
 
 TEST(RtaLockfile, SummaryAndFirstKeyShareALine) {
-  test::TempDir dir;
+  TempDir dir;
   write_file(dir / "lock",
              "321@-1@2101@Mon Mar  4 10:00:00 2024PID~321\nSTARTED~Mon Mar  4 10:00:00 2024\n"
              "VERSION~V10.0-001:Feb 23 2012\nINSTALL_DIR~/v\nRTA_PORT~2101\nPROCESSES~1\nUSER~root\n");
@@ -74,7 +70,7 @@ TEST(RtaLockfile, SummaryAndFirstKeyShareALine) {
   EXPECT_FALSE(file_exists(dir / "junk"));
 }
 
-using Rta = test::ComponentTest;
+using Rta = ComponentTest;
 
 TEST_F(Rta, OnlyAnAuthorisedRequesterChangesTheSettingsTheProgramRunsWith) {
   rta_cmdline() = RtaSettings{};
@@ -88,7 +84,7 @@ TEST_F(Rta, OnlyAnAuthorisedRequesterChangesTheSettingsTheProgramRunsWith) {
   EXPECT_FALSE(file_exists(settings_file));
   EXPECT_NE(read_file(settings_.rta_lock_path).find("RTA_PORT~2101\n"), std::string::npos);
   EXPECT_EQ(StopRTA_UNIX(settings_), kStatusNotRunning);
-  EXPECT_TRUE(test::wait_for_exit(pid));
+  EXPECT_TRUE(wait_for_exit(pid));
 
   ASSERT_EQ(StartRTA_UNIX("10.1.1.2", 1, 2200, 0, settings_), kStatusRunning) << log_text();
   pid = rta_pid();
@@ -97,11 +93,11 @@ TEST_F(Rta, OnlyAnAuthorisedRequesterChangesTheSettingsTheProgramRunsWith) {
   EXPECT_NE(read_file(settings_.rta_lock_path).find("@-1@2200@"), std::string::npos)
       << "kovarta ran with the merged settings";
   EXPECT_EQ(StopRTA_UNIX(settings_), kStatusNotRunning);
-  EXPECT_TRUE(test::wait_for_exit(pid));
+  EXPECT_TRUE(wait_for_exit(pid));
   EXPECT_FALSE(file_exists(settings_.rta_lock_path));
   EXPECT_NE(log_text().find(root_ + "/bin/kovarta -stop -rootdir " + root_ + " > /dev/null 2>&1\n"), std::string::npos)
       << "logged as it reads, unquoted: " << log_text();
 }
 
 }  // namespace
-}  // namespace kova
+}  // namespace kova::test

@@ -1,7 +1,6 @@
 #include "core/log.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -13,7 +12,7 @@
 #include "support/fixed_clock.h"
 #include "support/temp_dir.h"
 
-namespace kova {
+namespace kova::test {
 namespace {
 
 class AgentLog : public testing::Test {
@@ -22,36 +21,29 @@ class AgentLog : public testing::Test {
     kova_init_command_line(s);
     s.hostname = "myhost";
     kova_adjust_path_settings(s, root.path());
-    test::make_dirs(s.log_dir);
+    make_dirs(s.log_dir);
     log_state() = LogState{};
   }
   void TearDown() override { log_state() = LogState{}; }
-  test::TempDir root;
+  TempDir root;
   AgentSettings s;
 };
 
-TEST(LogLine, TagAndCommaArePaddedToThirteenColumns) {
-  EXPECT_EQ(format_log_line("Thu Feb 23 10:15:00 2012", "I-STARTED", "Agent started."),
-            "Thu Feb 23 10:15:00 2012,  KOVAAGENT-I-STARTED,     Agent started.\n");
-  EXPECT_EQ(format_log_line("T", "I-REQ", "m"), "T,  KOVAAGENT-I-REQ,         m\n");
-  EXPECT_EQ(format_log_line("T", "I-SORLEX_STATUS", "m"), "T,  KOVAAGENT-I-SORLEX_STATUS,  m\n");
-}
-
 TEST_F(AgentLog, NewDayFormsTheNameWritesTheHeaderAndPurgesOldLogs) {
-  test::FixedClock clock(test::local_time(2012, 2, 23, 10, 15, 0));
-  test::write_file(s.log_dir + "/kova_myhost_2012Feb10.log", "old\n");
-  test::set_mtime(s.log_dir + "/kova_myhost_2012Feb10.log", test::local_time(2012, 2, 10));
+  FixedClock clock(local_time(2012, 2, 23, 10, 15, 0));
+  write_file(s.log_dir + "/kova_myhost_2012Feb10.log", "old\n");
+  set_mtime(s.log_dir + "/kova_myhost_2012Feb10.log", local_time(2012, 2, 10));
 
   std::string stamp = "Thu Feb 23 10:15:00 2012";
   ASSERT_EQ(get_log_file_name_unix(s), 1);
   EXPECT_EQ(log_state().logfile, s.log_dir + "/kova_myhost_2012Feb23.log");
-  EXPECT_FALSE(test::file_exists(s.log_dir + "/kova_myhost_2012Feb10.log"));
+  EXPECT_FALSE(file_exists(s.log_dir + "/kova_myhost_2012Feb10.log"));
   EXPECT_EQ(get_log_file_name_unix(s), 0);  // same day
 
   write_log_header(s);
   write_to_log("I-STARTED", "Agent started");
   // The old log's removal is logged in the new day's file, ahead of its header.
-  EXPECT_EQ(test::read_file(log_state().logfile),
+  EXPECT_EQ(read_file(log_state().logfile),
             stamp + ",  KOVAAGENT-I-DEL_DATA,    Deleting data file kova_myhost_2012Feb10.log\n" +
                 "\nKOVAagent Copyright (c) KOVA Systems. All rights reserved.\nBuild: V10.0-001 (Feb 23 2012)\n\n" +
                 stamp + ",  KOVAAGENT-I-LOGNAME,     " + log_state().logfile + "\n" +
@@ -62,19 +54,17 @@ TEST_F(AgentLog, NewDayFormsTheNameWritesTheHeaderAndPurgesOldLogs) {
                 stamp + ",  KOVAAGENT-I_KEEPPERF,    Keep Perf Files : Off\n\n" +
                 stamp + ",  KOVAAGENT-I-STARTED,     Agent started\n");
 
-  clock.set(test::local_time(2012, 2, 24, 0, 0, 1));
+  clock.set(local_time(2012, 2, 24, 0, 0, 1));
   EXPECT_EQ(get_log_file_name_unix(s), 1);
   EXPECT_EQ(log_state().logfile, s.log_dir + "/kova_myhost_2012Feb24.log");
 }
 
 TEST_F(AgentLog, RemoteHeaderAndUnwritableLogStayQuietUnlessVerbose) {
-  test::FixedClock clock(test::local_time(2012, 2, 23));
-  s.remote = 1;
-  s.schedule_hour = 2;
-  s.schedule_minute = 5;
+  FixedClock clock(local_time(2012, 2, 23));
+  s.remote = 1, s.schedule_hour = 2, s.schedule_minute = 5;
   get_log_file_name_unix(s);
   write_log_header(s);
-  std::string log = test::read_file(log_state().logfile);
+  std::string log = read_file(log_state().logfile);
   EXPECT_NE(log.find("I_REMOTE,      Remote Schedule : 02:05\n"), std::string::npos);
   EXPECT_NE(log.find("Remote retain : 30 days\n\n"), std::string::npos);
   EXPECT_EQ(log.find("I_SERVER"), std::string::npos);
@@ -104,16 +94,12 @@ TEST_F(AgentLog, LinesFromConcurrentProcessesNeverInterleave) {
     }
   }
   for (pid_t pid : pids) waitpid(pid, nullptr, 0);
-  std::istringstream in(test::read_file(log_state().logfile));
-  std::string line;
+  std::istringstream in(read_file(log_state().logfile));
   int count = 0;
-  while (std::getline(in, line)) {
-    ++count;
-    ASSERT_NE(line.find("KOVAAGENT-I-CHILD,      "), std::string::npos) << line;
-    ASSERT_EQ(line.substr(line.size() - payload.size()), payload);
-  }
+  for (std::string line; std::getline(in, line); ++count)
+    ASSERT_TRUE(line.find("KOVAAGENT-I-CHILD,      ") != std::string::npos && line.ends_with(payload)) << line;
   EXPECT_EQ(count, kChildren * kLines);
 }
 
 }  // namespace
-}  // namespace kova
+}  // namespace kova::test

@@ -4,18 +4,15 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <tuple>
+
 #include "platform/unique.h"
 
-namespace kova {
+namespace kova::test {
 namespace {
 
 TEST(ParseProcInfo, NameLiesBetweenFirstOpenAndLastCloseCutTo15) {
-  struct Case {
-    const char* record;
-    bool ok;
-    int pid;
-    const char* fname;
-  } cases[] = {
+  const struct { const char* record; bool ok; int pid; const char* fname; } cases[] = {
       {"4711 (vorn_monitor) S 1 4711 4711 0 -1", true, 4711, "vorn_monitor"},
       {"12 (a) (b) R 1", true, 12, "a) (b"},
       {"7 (sixteen_chars_xy) S 1", true, 7, "sixteen_chars_x"},
@@ -24,12 +21,10 @@ TEST(ParseProcInfo, NameLiesBetweenFirstOpenAndLastCloseCutTo15) {
       {"9 name S", false, 0, ""},
       {"9 )name( S", false, 0, ""},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     ProcInfo info;
     ASSERT_EQ(parse_proc_info(c.record, info), c.ok) << c.record;
-    if (!c.ok) continue;
-    EXPECT_EQ(info.pid, c.pid) << c.record;
-    EXPECT_EQ(info.fname, c.fname) << c.record;
+    if (c.ok) { EXPECT_EQ(std::tuple(info.pid, info.fname), std::tuple(c.pid, c.fname)) << c.record; }
   }
 }
 
@@ -49,4 +44,4 @@ TEST(ReadProcInfo, ReadsOwnRecordAndTellsEmptyFromFailed) {
 }
 
 }  // namespace
-}  // namespace kova
+}  // namespace kova::test
