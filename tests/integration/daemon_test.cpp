@@ -8,6 +8,8 @@
 
 #include <sstream>
 #include <string>
+#include <tuple>
+#include <vector>
 
 #include "support/agent_process.h"
 
@@ -24,27 +26,24 @@ TEST(CommandLine, OneShotModesPrintAndExitAsAdminsExpect) {
   EXPECT_NE(usage.out.find("\t-write_config\n\t\tWrite a configuration file to the settings directory\n\n"),
             std::string::npos);
 
-  RunResult version = run_agent({"-version"});
-  EXPECT_EQ(version.status, 1);
-  EXPECT_EQ(version.out, kBanner);
-
-  RunResult mwa = run_agent({"-mwa"});
-  EXPECT_EQ(mwa.status, 1);
-  EXPECT_EQ(mwa.err, "kovaagent only supports measureware on HP-UX\n");
-
-  RunResult schedule = run_agent({"-schedule", "24:00", "-remote"});
-  EXPECT_EQ(schedule.status, 0);
-  EXPECT_EQ(schedule.err, "-schedule option must be in format,  HH:MM \n HH is 0 - 23  and MM is 0 - 59  \n");
+  // The banner, why on stderr, and the exit status admins' scripts test.
+  const std::tuple<std::vector<std::string>, int, std::string> modes[] = {
+      {{"-version"}, 1, ""},
+      {{"-mwa"}, 1, "kovaagent only supports measureware on HP-UX\n"},
+      {{"-schedule", "24:00", "-remote"}, 0,
+       "-schedule option must be in format,  HH:MM \n HH is 0 - 23  and MM is 0 - 59  \n"},
+      {{"-rootdir", tree / "nowhere", "-nofork"}, 0,  // and nothing about the directories below it
+       "kovaagent, unable to access root directory, " + tree / "nowhere" + ", No such file or directory\n"},
+  };
+  for (const auto& [args, status, err] : modes) {
+    const RunResult r = run_agent(args);
+    EXPECT_EQ(std::tie(r.status, r.out, r.err), std::tie(status, kBanner, err)) << args[0];
+  }
 
   RunResult written = run_agent({"-rootdir", tree.root(), "-port", "99999", "-write_config"});
   EXPECT_EQ(written.status, 0);
   std::string config = read_file(tree / ("settings/kova_" + tree.hostname() + ".config"));
   EXPECT_NE(config.find("KOVAAGENT_PORT~1661\n"), std::string::npos);
-
-  RunResult missing = run_agent({"-rootdir", tree / "nowhere", "-nofork"});
-  EXPECT_EQ(missing.status, 0);
-  EXPECT_EQ(missing.err, "kovaagent, unable to access root directory, " + tree / "nowhere" +
-                         ", No such file or directory\n");  // and nothing about the directories below it
 }
 
 TEST(CommandLine, PurgeDeletesThisHostsOldDataFilesAndExitsOne) {
