@@ -104,7 +104,7 @@ TEST_F(ClientTest, FixedRepliesErrorsShortRepliesAndRefusals) {
 
 // The agent's transfer: the header, then the bytes unframed, the last `cut` of them never sent.
 void send_file_bytes(int fd, const std::string& content, size_t cut = 0) {
-  const std::string wire = test::inf_header(content.size() / kPacketSize, content.size() % kPacketSize) + content;
+  const std::string wire = test::transfer_of(content);
   ASSERT_EQ(Socket_writen(fd, wire.data(), wire.size() - cut), static_cast<ssize_t>(wire.size() - cut));
 }
 

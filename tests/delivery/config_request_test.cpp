@@ -11,7 +11,7 @@ namespace {
 
 // A transfer of `content`, and the result that goes with it.
 std::pair<std::string, int> transfer(const std::string& content, int result = kTransferOk) {
-  return {inf_header(content.size() / 522, content.size() % 522) + content, result};
+  return {transfer_of(content), result};
 }
 
 class ConfigRequest : public WireTest {

@@ -42,7 +42,7 @@ TEST_F(FileTransfer, SendsHeaderThenExactBytesAndReceivesThemBack) {
     SocketPair pair;
     ASSERT_EQ(send(pair, dir_ / "out.dat"), kTransferOk) << size;
     const std::string wire = pair.drain();
-    EXPECT_EQ(wire, inf_header(size / 522, size % 522) + content) << size;
+    EXPECT_EQ(wire, transfer_of(content)) << size;
     EXPECT_EQ(receive(wire, dir_ / "in.dat"), kTransferOk) << size;
     EXPECT_EQ(read_file(dir_ / "in.dat"), content) << size;
   }

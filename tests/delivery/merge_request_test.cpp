@@ -46,8 +46,7 @@ TEST_F(MergeRequest, SendsTheMergedRangeAndDeletesOrKeepsBothOutputs) {
   const std::string expected = "2024-03-05 12:00 2 0.50 0.40 0.35 800000 215\n";  // the hour's two samples
   for (int keep : {0, 1}) {
     s_.keep_perf = keep;
-    const std::string header = {6, 0, 0, 0, 0, 0, static_cast<char>(expected.size()), 0};
-    ASSERT_EQ(merge(day_), std::pair(header + expected, 0)) << log_text();
+    ASSERT_EQ(merge(day_), std::pair(transfer_of(expected), 0)) << log_text();
     EXPECT_EQ(file_exists(s_.tmp_dir + "/web1_2024Mar05_0000_127.0.0.1.merg"), keep == 1);
     EXPECT_EQ(file_exists(s_.tmp_dir + "/web1_2024Mar05_0000.proc"), keep == 1);
   }

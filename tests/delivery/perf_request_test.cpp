@@ -23,11 +23,6 @@ const std::string kNoon = "1709636400 2024-03-05 12:00:00 0.42 0.35 0.30 812344 
 const std::string kHalfPast = "1709638200 2024-03-05 12:30:00 0.50 0.40 0.30 800000 215\n";
 const std::string kDay = "1709632800 2024-03-05 11:00:00 0.10 0.20 0.30 900000 200\n" + kNoon + kHalfPast;
 
-// A file transfer of `range` shorter than a block: code 6, no whole blocks, its size.
-std::string sent_range(const std::string& range) {
-  return le16(6) + le16(0) + le16(0) + le16(static_cast<int>(range.size())) + range;
-}
-
 using Served = std::pair<std::string, int>;
 
 class DataRequest : public WireTest {
@@ -114,7 +109,7 @@ TEST_F(DataRequest, RemotePerfRequestKeepsYesterdaysWorkFileAndPassesTheServersP
   if (!have_kovaperf_) GTEST_SKIP() << "stand-in kovaperf not built in " << KOVA_DEMO_BIN_DIR;
   FixedClock clock(local_time(2024, 3, 6, 9, 0));
   s_.keep_perf = 1, s_.remote = 1, s_.settings_server = "127.0.0.1";
-  EXPECT_EQ(perf("05-Mar-2024:12:00", "05-Mar-2024:12:59", 7), Served(sent_range(kNoon + kHalfPast), 0)) << log_text();
+  EXPECT_EQ(perf("05-Mar-2024:12:00", "05-Mar-2024:12:59", 7), Served(transfer_of(kNoon + kHalfPast), 0)) << log_text();
   EXPECT_TRUE(file_exists(s_.outgoing_dir + "/web1_2024Mar05.perf"));  // yesterday's, whatever the range
   EXPECT_EQ(age_, 7);
   EXPECT_EQ(clock.sleeps(), std::vector<unsigned>{kDataRequestPause});
@@ -163,7 +158,7 @@ TEST_F(DataRequest, NodeRequestTakesHostAndOsTextOrRefusesShortPayloads) {
   write_file(s_.data_dir + "/qdts_web1_2024Mar05.zud-1", sparc);
   const std::string own = kDay.substr(0, kDay.find('\n') + 1);
   for (const auto& [os, range] : {std::pair{std::string(), own}, {std::string("SunOS Solaris 10"), sparc}}) {
-    EXPECT_EQ(node(times + padded("web1", 32) + os), Served(sent_range(range), 0)) << log_text();
+    EXPECT_EQ(node(times + padded("web1", 32) + os), Served(transfer_of(range), 0)) << log_text();
     EXPECT_EQ(age_, 30) << os;
   }
 }

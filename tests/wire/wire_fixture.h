@@ -48,6 +48,11 @@ inline std::string inf_header(int64_t blocks, int64_t last) {
   return std::string(reinterpret_cast<const char*>(b.data()), kInfSize);
 }
 
+// A whole file transfer of `content`: its header, then the bytes.
+inline std::string transfer_of(const std::string& content) {
+  return inf_header(content.size() / kPacketSize, content.size() % kPacketSize) + content;
+}
+
 // Counts the waits of the read loops, running an optional step on each; never waits.
 struct WaitCounter {
   static inline int waits = 0;
