@@ -93,23 +93,6 @@ TEST(DcSettings, EachLineIsTakenAsTheFirstKeyInTestOrder) {
   }
 }
 
-TEST(DcSettings, UpdatePathsResolvesLinksAndKeepsTheFilePaths) {
-  TempDir dir;
-  DcSettings r = record_in(dir);
-  EXPECT_EQ(dc_update_paths(r, dir / "nowhere"), 0);
-  EXPECT_EQ(r.install_dir, dir.path());
-
-  make_dirs(dir / "big/data");
-  make_dirs(dir / "new/logs");
-  std::filesystem::create_directory_symlink(dir / "big/data", dir / "new/data");
-  std::filesystem::create_symlink(dir / "gone", dir / "new/tmp");
-  ASSERT_EQ(dc_update_paths(r, dir / "new"), 1);
-  // A dangling link and a missing directory keep their formed paths; so does the lock file.
-  EXPECT_EQ(std::tie(r.install_dir, r.data_dir, r.log_dir, r.tmp_dir, r.settings_dir, r.lock_file),
-            std::tuple(dir / "new", std::filesystem::canonical(dir / "big/data").string(), dir / "new/logs",
-                       dir / "new/tmp", dir / "new/settings", dir / "tmp/web1_monitor.lock"));
-}
-
 // The install root comes from VANTREL_LIBRARY, less a trailing "/"; one character is no root.
 TEST(DcSettings, InitTakesTheRootFromTheEnvironment) {
   for (auto [value, root] : {std::pair{"/opt/x/", "/opt/x"}, {"/", "/opt/vantrel"}, {nullptr, "/opt/vantrel"}}) {

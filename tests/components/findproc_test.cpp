@@ -53,7 +53,7 @@ std::string sleeper(const TempDir& dir, const std::string& name) {
   return dir / name;
 }
 
-TEST(Findproc, ShortNameMustOccurInsideTheGivenName) {
+TEST(Findproc, ShortNameMustOccurInsideTheGivenNameOrMatchItWhole) {
   TempDir dir;
   Started monitor(sleeper(dir, "vorn_monitor"), "60");
   ASSERT_GT(monitor.pid(), 0);
@@ -62,10 +62,8 @@ TEST(Findproc, ShortNameMustOccurInsideTheGivenName) {
       {"vorn_monitor", monitor.pid(), 1}, {"vorn_monitor_es", monitor.pid(), 1}, {"bin/vorn_monitor", monitor.pid(), 1},
       {"vorn_monito", monitor.pid(), 0},  {"kovarta", monitor.pid(), 0},         {"vorn_monitor", absent, 0}};
   for (auto [name, pid, expected] : cases) EXPECT_EQ(findproc(name, pid, 0), expected) << name << ":" << pid;
-}
 
-TEST(FindProcessByName, ComparesWholeShortNamesSkipsTheGivenPidAndNeverFindsSixteenCharacters) {
-  TempDir dir;
+  // By name: whole short names, the given pid skipped, and a sixteen-character name never found.
   const std::string name = string_printf("kf%d", static_cast<int>(::getpid()));
   Started first(sleeper(dir, name), "60");
   Started second(dir / name, "60");
