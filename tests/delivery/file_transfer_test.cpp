@@ -108,5 +108,21 @@ TEST_F(FileTransfer, ReceiveCutMidFileKeepsTheWholeBlocksAndRefusesAFileItCannot
   EXPECT_EQ(logged("E-OPEN", "Unable to open " + (dir_ / "no/such/dir") + " : No such file or directory"), 1);
 }
 
+// A file name reaches the compression shell as one quoted word; the
+// operator's template decides the rest.
+TEST_F(FileTransfer, CompressRunsTheTemplateOnTheQuotedFileName) {
+  std::string out;
+  EXPECT_EQ(compress_file("gzip *", dir_ / "x", out), 0);
+  EXPECT_EQ(logged("E-COMPRESS", "compression command doesnt contain an output file"), 1);
+
+  const std::string hostile = dir_ / "a b'c;touch pwned";  // an injected touch would land in dir_
+  write_file(hostile, "payload");
+  EXPECT_EQ(compress_file("cd " + dir_.path() + " && cp * *.cp", hostile, out), 1);
+  EXPECT_EQ(out, hostile + ".cp");
+  EXPECT_EQ(read_file(out), "payload");
+  EXPECT_FALSE(file_exists(dir_ / "pwned"));
+  EXPECT_EQ(logged("I-COMPRESS", "Running, cd " + dir_.path() + " && cp " + hostile + " " + hostile + ".cp"), 1);
+}
+
 }  // namespace
 }  // namespace kova::test

@@ -27,8 +27,8 @@ TEST(Protocol, RepliesAreByteExactAndHostileInputNeverEndsTheAgent) {
 
   const std::string tag = request_packet(254, "GET_AGENT_OS"), ack(8, '\0');
   const std::string os = hex(ack + padded("Sun Solaris X86", 32));
-  // Each request with the reply it gets (hex). Extended requests pause two seconds each, so they go at
-  // once, ten at a time: the agent listens with a short queue.
+  // Each request with the reply it gets (hex). Extended requests pause two seconds each, so they go
+  // several at once, but never more than the agent's listen queue of 5 holds.
   const std::pair<std::string, std::string> exchanges[] = {
       {request_packet(14), "0a00060000000000"}, {request_packet(16), "04000000"}, {request_packet(5), ""},
       {request_packet(17), ""}, {request_packet(-1), ""}, {extended_packet("GET_AGENT_OS_X", ""), os},
@@ -46,9 +46,10 @@ TEST(Protocol, RepliesAreByteExactAndHostileInputNeverEndsTheAgent) {
       {tag + le16(100) + "short", ""},                       // payload ends early
       {tag.substr(0, 40) + "x", ""},                         // length field cut
   };
-  for (size_t first = 0; first < std::size(exchanges); first += 10) {
+  constexpr size_t kWave = 5;
+  for (size_t first = 0; first < std::size(exchanges); first += kWave) {
     std::vector<std::future<std::string>> replies;
-    for (size_t i = first; i < std::min(first + 10, std::size(exchanges)); ++i)
+    for (size_t i = first; i < std::min(first + kWave, std::size(exchanges)); ++i)
       replies.push_back(std::async(std::launch::async, [&, i] { return round_trip(port, exchanges[i].first); }));
     for (size_t i = first; i < first + replies.size(); ++i)
       EXPECT_EQ(hex(replies[i - first].get()), exchanges[i].second) << i;
