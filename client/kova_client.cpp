@@ -12,7 +12,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "wire/status.h"
+#include "base/codes.h"
 
 namespace kova::client {
 namespace {

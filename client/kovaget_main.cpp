@@ -15,7 +15,7 @@
 
 #include "kova_client.h"
 #include "replies.h"
-#include "wire/status.h"
+#include "base/codes.h"
 
 namespace {
 

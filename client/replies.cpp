@@ -3,7 +3,7 @@
 #include <cstdio>
 
 #include "wire/packet.h"
-#include "wire/status.h"
+#include "base/codes.h"
 
 namespace kova::client {
 

@@ -6,9 +6,9 @@
 //   kovarta [-user U] [-rootdir DIR] -stop
 #include <string>
 
-#include "components/findproc.h"
+#include "platform/findproc.h"
 #include "components/rta.h"
-#include "core/version.h"
+#include "base/version.h"
 #include "standin.h"
 
 namespace {

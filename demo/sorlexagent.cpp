@@ -10,7 +10,7 @@
 #include <fstream>
 #include <string>
 
-#include "components/findproc.h"
+#include "platform/findproc.h"
 #include "standin.h"
 
 namespace {

@@ -15,8 +15,8 @@
 
 #include "components/dc_lockfile.h"
 #include "components/dc_settings.h"
-#include "components/findproc.h"
-#include "core/version.h"
+#include "platform/findproc.h"
+#include "base/version.h"
 #include "standin.h"
 
 namespace {

@@ -15,7 +15,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "core/clock.h"
+#include "base/clock.h"
 #include "platform/unique.h"
 #include "wire/packet.h"
 #include "wire/request.h"

@@ -1,3 +1,3 @@
-#include "core/agent_main.h"
+#include "agent/agent_main.h"
 
 int main(int argc, char** argv) { return kova::agent_main(argc, argv); }

@@ -10,12 +10,12 @@
 #include <cstring>
 
 #include "components/command.h"
-#include "components/findproc.h"
-#include "core/clock.h"
-#include "core/log.h"
+#include "platform/findproc.h"
+#include "base/clock.h"
+#include "base/log.h"
 #include "platform/process.h"
 #include "platform/unique.h"
-#include "wire/status.h"
+#include "base/codes.h"
 
 namespace kova {
 namespace {

@@ -1,6 +1,6 @@
 #include "components/command.h"
 
-#include "core/shell.h"
+#include "base/shell.h"
 #include "platform/process.h"
 
 namespace kova {

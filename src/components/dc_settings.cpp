@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "components/keyfile.h"
-#include "core/clock.h"
+#include "base/clock.h"
 #include "platform/files.h"
 #include "platform/unique.h"
 #include "settings/command_line.h"

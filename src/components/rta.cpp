@@ -12,14 +12,14 @@
 
 #include "components/command.h"
 #include "components/dc_settings.h"
-#include "components/findproc.h"
+#include "platform/findproc.h"
 #include "components/keyfile.h"
-#include "core/clock.h"
-#include "core/log.h"
+#include "base/clock.h"
+#include "base/log.h"
 #include "platform/files.h"
 #include "platform/unique.h"
 #include "settings/command_line.h"
-#include "wire/status.h"
+#include "base/codes.h"
 
 namespace kova {
 namespace {

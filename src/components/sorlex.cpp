@@ -6,11 +6,11 @@
 #include <filesystem>
 
 #include "components/command.h"
-#include "components/findproc.h"
-#include "core/clock.h"
-#include "core/log.h"
+#include "platform/findproc.h"
+#include "base/clock.h"
+#include "base/log.h"
 #include "platform/files.h"
-#include "wire/status.h"
+#include "base/codes.h"
 
 namespace kova {
 namespace {

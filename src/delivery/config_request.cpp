@@ -4,7 +4,7 @@
 
 #include "components/dc_settings.h"
 #include "components/rta.h"
-#include "core/log.h"
+#include "base/log.h"
 #include "delivery/file_transfer.h"
 #include "housekeeping/getconfig.h"
 #include "wire/socket_io.h"

@@ -14,8 +14,8 @@
 #include <cstring>
 #include <vector>
 
-#include "core/log.h"
-#include "core/shell.h"
+#include "base/log.h"
+#include "base/shell.h"
 #include "platform/unique.h"
 #include "wire/socket_io.h"
 
@@ -276,44 +276,6 @@ int64_t GetFileSizeByFP(std::FILE* stream) {
   while (std::fgetc(stream) != EOF) ++size;
   std::rewind(stream);
   return size;
-}
-
-int check_free_total(const std::string& path, double& avail_kb, double& pct_free, uint64_t& used_blocks) {
-  avail_kb = 0;
-  pct_free = 0;
-  struct statvfs fs {};
-  if (::statvfs(path.c_str(), &fs) != 0) return 0;
-  const double total = static_cast<double>(fs.f_blocks);
-  const double free_blocks = static_cast<double>(fs.f_bfree);
-  const double avail = static_cast<double>(fs.f_bavail);
-  used_blocks = fs.f_blocks - fs.f_bfree;
-  avail_kb = avail / 1024.0 * static_cast<double>(fs.f_frsize);
-  // Measured against what an unprivileged user can see, not the whole
-  // file system: the blocks reserved for root count as neither.
-  const double visible = avail + (total - free_blocks);
-  pct_free = visible > 0 ? avail * 100.0 / visible : 0;
-  return 1;
-}
-
-int get_ave_data_file_size(const AgentSettings& settings, int& avg_mb) {
-  // Entries are stat'ed by full path, so the process's working directory
-  // never changes under the rest of the request.
-  UniqueDir dir(::opendir(settings.data_dir.c_str()));
-  if (!dir) return 0;
-  int64_t sum_mb = 0;
-  int64_t count = 0;
-  while (const dirent* entry = ::readdir(dir.get())) {
-    const std::string name = entry->d_name;
-    struct stat st {};
-    if (::stat((settings.data_dir + "/" + name).c_str(), &st) != 0) continue;
-    const size_t dot = name.rfind('.');
-    if (dot == std::string::npos || dot < 1) continue;
-    if (name.compare(dot, 4, ".zud") != 0) continue;
-    sum_mb += st.st_size / 1024 / 1024;
-    ++count;
-  }
-  if (count > 0) avg_mb = static_cast<int>(sum_mb / count);
-  return 1;
 }
 
 int delete_file(const std::string& path) { return ::unlink(path.c_str()); }

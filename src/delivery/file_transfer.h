@@ -68,19 +68,6 @@ enum TransferResult : int {
 // is rewound afterwards.
 [[nodiscard]] int64_t GetFileSizeByFP(std::FILE* stream);
 
-// Space on the file system holding `path`: kilobytes available to
-// unprivileged users, the percentage free of what such a user can see
-// (available / (available + used)), and the blocks in use. Returns 1, or 0
-// (avail_kb and pct_free set to 0) when the file system cannot be queried.
-[[nodiscard]] int check_free_total(const std::string& path, double& avail_kb, double& pct_free,
-                                   uint64_t& used_blocks);
-
-// The average size in whole megabytes of the collector's data files (names
-// whose last extension begins ".zud") in settings.data_dir. Returns 1 and
-// leaves avg_mb untouched when there are none; 0 when the directory cannot
-// be read.
-[[nodiscard]] int get_ave_data_file_size(const AgentSettings& settings, int& avg_mb);
-
 // unlink(2)'s result.
 int delete_file(const std::string& path);
 

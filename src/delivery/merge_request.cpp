@@ -7,13 +7,13 @@
 #include <span>
 #include <vector>
 
-#include "core/clock.h"
-#include "core/log.h"
+#include "base/clock.h"
+#include "base/log.h"
 #include "delivery/file_transfer.h"
 #include "platform/files.h"
 #include "platform/process.h"
 #include "delivery/perf_request.h"
-#include "wire/status.h"
+#include "base/codes.h"
 
 namespace kova {
 namespace {

@@ -14,8 +14,8 @@
 #include <span>
 
 #include "components/collector.h"
-#include "core/clock.h"
-#include "core/log.h"
+#include "base/clock.h"
+#include "base/log.h"
 #include "delivery/file_transfer.h"
 #include "housekeeping/purge.h"
 #include "platform/files.h"
@@ -23,7 +23,7 @@
 #include "platform/unique.h"
 #include "wire/request.h"
 #include "wire/socket_io.h"
-#include "wire/status.h"
+#include "base/codes.h"
 
 namespace kova {
 namespace {

@@ -7,7 +7,8 @@
 #include <cerrno>
 #include <cstring>
 
-#include "core/log.h"
+#include "base/log.h"
+#include "platform/files.h"
 #include "wire/socket_io.h"
 
 namespace kova {
@@ -17,22 +18,6 @@ void send_answer(int fd, const std::string& text) {
   char field[kAnswerField] = {};
   std::memcpy(field, text.data(), std::min(text.size(), kAnswerField - 1));
   (void)Socket_writen(fd, field, kAnswerField);
-}
-
-bool free_kb(const std::string& path, int64_t& out_kb) {
-  struct statvfs vfs;
-  if (::statvfs(path.c_str(), &vfs) != 0) return false;
-  out_kb = static_cast<int64_t>(static_cast<double>(vfs.f_bavail) * static_cast<double>(vfs.f_frsize) / 1024.0);
-  return true;
-}
-
-// Creates `path` and its missing parents with mode 0744 (less the umask).
-// Directories that already exist keep their mode.
-void make_directories(const std::string& path) {
-  for (size_t end = path.find('/', 1); ; end = path.find('/', end + 1)) {
-    (void)::mkdir(path.substr(0, end).c_str(), 0744);
-    if (end == std::string::npos) return;
-  }
 }
 
 }  // namespace
@@ -60,10 +45,10 @@ int process_getversion_request(int fd, const AgentSettings&) {
 
 int get_diskspace_free_kb(const std::string& path, int64_t& out_kb) {
   out_kb = 0;
-  if (free_kb(path, out_kb)) return 1;
+  if (free_space_kb(path, out_kb)) return 1;
   log_printf("E-REQ-DISKSPACE", "statvfs(%s) error: %s", path.c_str(), std::strerror(errno));
-  make_directories(path);
-  if (free_kb(path, out_kb)) return 1;
+  make_directories(path, 0744);
+  if (free_space_kb(path, out_kb)) return 1;
   out_kb = 0;
   return 0;
 }

@@ -8,10 +8,9 @@
 #include <memory>
 
 #include "components/dc_lockfile.h"
-#include "core/log.h"
-#include "core/shell.h"
-#include "core/version.h"
-#include "delivery/file_transfer.h"
+#include "base/log.h"
+#include "base/shell.h"
+#include "base/version.h"
 #include "platform/files.h"
 #include "platform/system_facts.h"
 #include "platform/unique.h"
@@ -99,7 +98,7 @@ int get_install_config(const AgentSettings& settings, const DcSettings& dc, cons
   install.collector_data_disk_total = string_printf("%.0f %s", total_mb, "MB");
   install.collector_data_disk_free = string_printf("%.0f %s", free_mb, "MB");
   int ave_mb = 0;
-  (void)get_ave_data_file_size(settings, ave_mb);
+  (void)get_ave_data_file_size(settings.data_dir, ave_mb);
   install.collector_data_ave_size = string_printf("%d~%s", ave_mb, "MB");
 
   install.agent_version = string_printf("%s:%s", kBuildVersion, kBuildDate);

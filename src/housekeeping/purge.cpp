@@ -8,8 +8,8 @@
 #include <cstring>
 #include <string_view>
 
-#include "core/clock.h"
-#include "core/log.h"
+#include "base/clock.h"
+#include "base/log.h"
 #include "platform/unique.h"
 
 namespace kova {

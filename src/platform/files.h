@@ -1,8 +1,9 @@
-// Whether a path names something, as stat(2) and lstat(2) see it.
+// File-system facts and helpers that several subsystems share.
 #pragma once
 
 #include <sys/stat.h>
 
+#include <cstdint>
 #include <string>
 
 namespace kova {
@@ -20,5 +21,19 @@ inline bool path_exists(const std::string& path) {
   struct stat st;
   return ::lstat(path.c_str(), &st) == 0;
 }
+
+// Kilobytes available to unprivileged users on the file system holding
+// `path`; false when it cannot be queried.
+[[nodiscard]] bool free_space_kb(const std::string& path, int64_t& out_kb);
+
+// Creates `path` and its missing parents with `mode` (less the umask), as
+// mkdir -p does. Directories that already exist keep their mode.
+void make_directories(const std::string& path, mode_t mode);
+
+// The average size in whole megabytes of the collector's data files (names
+// whose last extension begins ".zud") in data_dir. Returns 1 and leaves
+// avg_mb untouched when there are none; 0 when the directory cannot be
+// read.
+[[nodiscard]] int get_ave_data_file_size(const std::string& data_dir, int& avg_mb);
 
 }  // namespace kova

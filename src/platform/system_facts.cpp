@@ -8,7 +8,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "platform/unique.h"
 
 namespace kova {

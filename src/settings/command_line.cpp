@@ -12,7 +12,7 @@
 #include <cstring>
 #include <memory>
 
-#include "core/version.h"
+#include "base/version.h"
 #include "platform/files.h"
 
 namespace kova {

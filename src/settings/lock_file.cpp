@@ -14,10 +14,10 @@
 #include <ctime>
 #include <string_view>
 
-#include "components/findproc.h"
-#include "core/clock.h"
-#include "core/log.h"
-#include "core/version.h"
+#include "platform/findproc.h"
+#include "base/clock.h"
+#include "base/log.h"
+#include "base/version.h"
 #include "platform/files.h"
 #include "platform/unique.h"
 #include "settings/command_line.h"

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <cstring>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "wire/socket_io.h"
-#include "wire/status.h"
+#include "base/codes.h"
 
 namespace kova {
 

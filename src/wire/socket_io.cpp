@@ -11,7 +11,7 @@
 #include <cstring>
 #include <string>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "platform/unique.h"
 
 namespace kova {

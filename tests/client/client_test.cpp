@@ -13,7 +13,7 @@
 #include "replies.h"
 #include "support/fixed_clock.h"
 #include "wire/request.h"
-#include "wire/status.h"
+#include "base/codes.h"
 #include "wire/wire_fixture.h"
 
 namespace kova {

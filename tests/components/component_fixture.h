@@ -12,14 +12,14 @@
 #include <string>
 
 #include "components/dc_lockfile.h"
-#include "components/findproc.h"
+#include "platform/findproc.h"
 #include "components/rta.h"
-#include "core/clock.h"
-#include "core/log.h"
-#include "core/shell.h"
+#include "base/clock.h"
+#include "base/log.h"
+#include "base/shell.h"
 #include "settings/command_line.h"
 #include "support/temp_dir.h"
-#include "wire/status.h"
+#include "base/codes.h"
 
 namespace kova::test {
 

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "delivery/perf_request.h"
-#include "wire/status.h"
+#include "base/codes.h"
 #include "wire/wire_fixture.h"
 
 namespace kova::test {

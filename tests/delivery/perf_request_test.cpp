@@ -12,7 +12,7 @@
 #include "components/collector.h"
 #include "support/agent_process.h"
 #include "support/fixed_clock.h"
-#include "wire/status.h"
+#include "base/codes.h"
 #include "wire/wire_fixture.h"
 
 namespace kova::test {

@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "support/fixed_clock.h"
 #include "support/temp_dir.h"
 

@@ -5,7 +5,7 @@
 #include <ctime>
 #include <vector>
 
-#include "core/clock.h"
+#include "base/clock.h"
 
 namespace kova::test {
 

@@ -9,8 +9,8 @@
 #include <sstream>
 #include <string>
 
-#include "core/clock.h"
-#include "core/log.h"
+#include "base/clock.h"
+#include "base/log.h"
 #include "platform/unique.h"
 #include "support/temp_dir.h"
 #include "wire/packet.h"

@@ -1,4 +1,4 @@
-#include "core/request_loop.h"
+#include "agent/request_loop.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -10,15 +10,15 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/daemon.h"
-#include "core/dispatch.h"
-#include "core/log.h"
-#include "core/log_day.h"
+#include "agent/daemon.h"
+#include "agent/dispatch.h"
+#include "base/log.h"
+#include "agent/log_day.h"
 #include "platform/unique.h"
 #include "wire/packet.h"
 #include "wire/request.h"
 #include "wire/socket_io.h"
-#include "wire/status.h"
+#include "base/codes.h"
 
 namespace kova {
 namespace {

@@ -1,4 +1,4 @@
-#include "core/agent_main.h"
+#include "agent/agent_main.h"
 
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -11,12 +11,12 @@
 #include "components/collector.h"
 #include "components/dc_lockfile.h"
 #include "components/rta.h"
-#include "core/agent_state.h"
-#include "core/daemon.h"
-#include "core/log.h"
-#include "core/log_day.h"
-#include "core/request_loop.h"
-#include "core/version.h"
+#include "agent/agent_state.h"
+#include "agent/daemon.h"
+#include "base/log.h"
+#include "agent/log_day.h"
+#include "agent/request_loop.h"
+#include "base/version.h"
 #include "housekeeping/getconfig.h"
 #include "housekeeping/purge.h"
 #include "platform/privileges.h"

@@ -1,4 +1,4 @@
-#include "wire/status.h"
+#include "base/codes.h"
 
 namespace kova {
 

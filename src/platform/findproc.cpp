@@ -1,4 +1,4 @@
-#include "components/findproc.h"
+#include "platform/findproc.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "platform/privileges.h"
 #include "platform/proc_table.h"
 #include "platform/unique.h"

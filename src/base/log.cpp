@@ -1,4 +1,4 @@
-#include "core/log.h"
+#include "base/log.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "core/clock.h"
+#include "base/clock.h"
 
 namespace kova {
 namespace {

@@ -1,7 +1,7 @@
 // The listening process: accept, check the peer, fork one child a request.
 #pragma once
 
-#include "core/agent_state.h"
+#include "agent/agent_state.h"
 
 namespace kova {
 

@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "core/agent_state.h"
+#include "agent/agent_state.h"
 
 namespace kova {
 

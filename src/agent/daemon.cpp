@@ -1,4 +1,4 @@
-#include "core/daemon.h"
+#include "agent/daemon.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -10,7 +10,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "core/log.h"
+#include "base/log.h"
 
 namespace kova {
 namespace {

@@ -1,4 +1,4 @@
-#include "components/findproc.h"
+#include "platform/findproc.h"
 
 #include <gtest/gtest.h>
 #include <sched.h>
@@ -12,7 +12,7 @@
 #include <tuple>
 #include <vector>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "support/temp_dir.h"
 
 namespace kova::test {

@@ -1,4 +1,4 @@
-#include "core/log.h"
+#include "base/log.h"
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -7,7 +7,7 @@
 #include <sstream>
 #include <string>
 
-#include "core/log_day.h"
+#include "agent/log_day.h"
 #include "settings/command_line.h"
 #include "support/fixed_clock.h"
 #include "support/temp_dir.h"

@@ -1,4 +1,4 @@
-#include "core/shell.h"
+#include "base/shell.h"
 
 namespace kova {
 

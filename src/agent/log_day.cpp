@@ -1,10 +1,10 @@
-#include "core/log_day.h"
+#include "agent/log_day.h"
 
 #include <ctime>
 
-#include "core/clock.h"
-#include "core/log.h"
-#include "core/version.h"
+#include "base/clock.h"
+#include "base/log.h"
+#include "base/version.h"
 #include "housekeeping/purge.h"
 
 namespace kova {

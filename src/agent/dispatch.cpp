@@ -1,4 +1,4 @@
-#include "core/dispatch.h"
+#include "agent/dispatch.h"
 
 #include <cerrno>
 #include <cstring>
@@ -6,7 +6,7 @@
 #include "components/collector.h"
 #include "components/rta.h"
 #include "components/sorlex.h"
-#include "core/log.h"
+#include "base/log.h"
 #include "delivery/config_request.h"
 #include "delivery/file_transfer.h"
 #include "delivery/merge_request.h"
@@ -15,7 +15,7 @@
 #include "wire/packet.h"
 #include "wire/request.h"
 #include "wire/socket_io.h"
-#include "wire/status.h"
+#include "base/codes.h"
 
 namespace kova {
 namespace {
