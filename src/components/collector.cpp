@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "components/command.h"
+#include "platform/files.h"
 #include "platform/findproc.h"
 #include "base/clock.h"
 #include "base/log.h"
@@ -291,12 +292,10 @@ int get_last_dc_filesize(const AgentSettings& settings, std::string& name, long&
 }
 
 int save_last_dc_filesize(const AgentSettings& settings, const std::string& name, long size, std::time_t when) {
-  UniqueFile file(std::fopen(growth_state_path(settings).c_str(), "w"));
-  if (!file) return 0;
   // The size field has always been 32 bits wide in this file.
-  int n = std::fprintf(file.get(), "%s:%d:%ld\n", name.c_str(), static_cast<std::int32_t>(size),
-                       static_cast<long>(when));
-  return n > 0 && file.close() == 0 ? 1 : 0;
+  const std::string line = string_printf("%s:%d:%ld\n", name.c_str(), static_cast<std::int32_t>(size),
+                                         static_cast<long>(when));
+  return replace_file(growth_state_path(settings), line) == 0 ? 1 : 0;
 }
 
 int kova_delete_existing_filesize_tempfile(const AgentSettings& settings) {

@@ -9,70 +9,48 @@
 #include <string_view>
 #include <vector>
 
-#include "components/keyfile.h"
+#include "settings/keyfile.h"
 #include "platform/files.h"
 #include "platform/unique.h"
 
 namespace kova {
 namespace {
 
-enum Key {
-  kPid, kVersion, kStart, kEnd, kDataDir, kLogDir, kTempDir, kRetain, kVerbose, kScanRate, kWriteRate,
-  kPeakRate, kCollectCpu, kCollectDisk, kCollectFilesys, kCollectProcessor, kCollectProcess,
-  kCollectMemory, kCollectNet, kCollectNic, kCollectHba, kCollectLpar, kAugmentNetwork, kAugmentProcess,
-  kMapDisknames, kFilesysExclude, kPriority, kAppendDataFiles, kImageBits, kCurrentDataFile,
-};
-constexpr std::array<std::string_view, 30> kKeys = {
-    "PID~",           "VERSION~",           "START~",           "END~",
-    "DATA_DIR~",      "LOG_DIR~",           "TEMP_DIR~",        "RETAIN~",
-    "VERBOSE~",       "SCAN_RATE~",         "WRITE_RATE~",      "PEAK_RATE~",
-    "COLLECT_CPU~",   "COLLECT_DISK~",      "COLLECT_FILESYS~", "COLLECT_PROCESSOR~",
-    "COLLECT_PROCESS~", "COLLECT_MEMORY~",  "COLLECT_NET~",     "COLLECT_NIC~",
-    "COLLECT_HBA~",   "COLLECT_LPAR~",      "AUGMENT_NETWORK~", "AUGMENT_PROCESS~",
-    "MAP_DISKNAMES~", "FILESYS_EXCLUDE~",   "PRIORITY~",        "APPEND_DATA_FILES~",
-    "IMAGE_BITS~",    "CURRENT_DATA_FILE~",
-};
+using L = DcLockfile;
 
-int* int_field(DcLockfile& r, int key) {
-  switch (key) {
-    case kPid: return &r.pid;
-    case kRetain: return &r.retain;
-    case kVerbose: return &r.verbose;
-    case kScanRate: return &r.scan_rate;
-    case kWriteRate: return &r.write_rate;
-    case kPeakRate: return &r.peak_rate;
-    case kCollectCpu: return &r.collect_cpu;
-    case kCollectDisk: return &r.collect_disk;
-    case kCollectFilesys: return &r.collect_filesys;
-    case kCollectProcessor: return &r.collect_processor;
-    case kCollectProcess: return &r.collect_process;
-    case kCollectMemory: return &r.collect_memory;
-    case kCollectNet: return &r.collect_net;
-    case kCollectNic: return &r.collect_nic;
-    case kCollectHba: return &r.collect_hba;
-    case kCollectLpar: return &r.collect_lpar;
-    case kAugmentNetwork: return &r.augment_network;
-    case kAugmentProcess: return &r.augment_process;
-    case kMapDisknames: return &r.map_disknames;
-    case kPriority: return &r.priority;
-    case kAppendDataFiles: return &r.append_data_files;
-    case kImageBits: return &r.image_bits;
-    default: return nullptr;
-  }
-}
-
-std::string* text_field(DcLockfile& r, int key) {
-  switch (key) {
-    case kVersion: return &r.version;
-    case kStart: return &r.start_time;
-    case kEnd: return &r.end_time;
-    case kDataDir: return &r.data_dir;
-    case kLogDir: return &r.log_dir;
-    case kTempDir: return &r.temp_dir;
-    case kCurrentDataFile: return &r.current_data_file;
-    default: return nullptr;
-  }
-}
+// Keys in the order they are tried; the "@" summary line and USER~ hold none.
+constexpr KeyField<L> kLockKeys[] = {
+    int_key("PID~", &L::pid),
+    text_key("VERSION~", &L::version),
+    text_key("START~", &L::start_time),
+    text_key("END~", &L::end_time),
+    text_key("DATA_DIR~", &L::data_dir),
+    text_key("LOG_DIR~", &L::log_dir),
+    text_key("TEMP_DIR~", &L::temp_dir),
+    dc_key::kRetain,
+    dc_key::kVerbose,
+    dc_key::kScanRate,
+    dc_key::kWriteRate,
+    dc_key::kPeakRate,
+    dc_key::kCollectCpu,
+    dc_key::kCollectDisk,
+    dc_key::kCollectFilesys,
+    dc_key::kCollectProcessor,
+    dc_key::kCollectProcess,
+    dc_key::kCollectMemory,
+    dc_key::kCollectNet,
+    dc_key::kCollectNic,
+    dc_key::kCollectHba,
+    dc_key::kCollectLpar,
+    dc_key::kAugmentNetwork,
+    dc_key::kAugmentProcess,
+    dc_key::kMapDisknames,
+    dc_key::kFilesysExclude,
+    dc_key::kPriority,
+    dc_key::kAppendDataFiles,
+    int_key("IMAGE_BITS~", &L::image_bits),
+    text_key("CURRENT_DATA_FILE~", &L::current_data_file),
+};
 
 // The first line of `file`, its line feed included; empty at end of file.
 std::string first_line(std::FILE* file) {
@@ -111,23 +89,12 @@ void take_summary(std::string_view line, DcLockfile& record) {
 }  // namespace
 
 int dc_read_lockfile(const std::string& path, DcLockfile& record) {
-  std::vector<std::string> lines;
-  if (int err = read_key_lines(path, lines); err != 0) {
-    if (err == ENOENT) return -1;
-    if (err == EACCES) return -2;
+  int error = 0;
+  const int recognised = read_key_file<DcLockfile>(path, kLockKeys, record, error);
+  if (recognised < 0) {
+    if (error == ENOENT) return -1;
+    if (error == EACCES) return -2;
     return 0;
-  }
-  int recognised = 0;
-  for (const std::string& line : lines) {
-    KeyMatch m = match_key(line, kKeys);
-    if (m.index < 0) continue;  // the summary line, USER~
-    ++recognised;
-    if (int* field = int_field(record, m.index))
-      *field = value_to_int(m.value);
-    else if (std::string* text = text_field(record, m.index))
-      *text = value_less_last(m.value);
-    else if (m.index == kFilesysExclude)
-      record.filesys_exclude = std::string(m.value);
   }
   if (recognised == 0) {
     // A lock file that names nothing is left over from a crash; clearing

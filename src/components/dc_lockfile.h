@@ -5,6 +5,7 @@
 
 #include <string>
 
+#include "components/dc_fields.h"
 #include "settings/agent_settings.h"
 
 namespace kova {
@@ -12,7 +13,9 @@ namespace kova {
 inline constexpr const char* kLegacyCollectorDir = "/usr/var/opt/QDT";
 inline constexpr const char* kCollectorBinDir = "/usr/bin";
 
-struct DcLockfile {
+// What the collector's lock file says; the rates and groups come from
+// DcCollectorFields.
+struct DcLockfile : DcCollectorFields {
   std::string start_time;
   std::string end_time;
   std::string data_dir;
@@ -20,29 +23,8 @@ struct DcLockfile {
   std::string current_data_file;
   std::string temp_dir;
   std::string version;
-  std::string filesys_exclude;  // with its line feed, as the settings reader keeps it
   int pid = 0;
-  int scan_rate = 0;
-  int write_rate = 0;
-  int peak_rate = 0;
-  int retain = 0;
-  int collect_cpu = 0;
-  int collect_disk = 0;
-  int collect_filesys = 0;
-  int collect_process = 0;
-  int collect_processor = 0;
-  int collect_net = 0;
-  int collect_memory = 0;
-  int collect_nic = 0;
-  int collect_hba = 0;
-  int collect_lpar = 0;
-  int augment_network = 0;
-  int augment_process = 0;
-  int verbose = 0;
-  int map_disknames = 0;
-  int priority = 0;
   int image_bits = 0;
-  int append_data_files = 0;
 };
 
 // Which collector generation wrote the lock file: 3 the oldest ("QDT V5.4"),

@@ -12,7 +12,6 @@
 #include <string_view>
 #include <vector>
 
-#include "components/keyfile.h"
 #include "base/clock.h"
 #include "platform/files.h"
 #include "platform/unique.h"
@@ -39,60 +38,41 @@ std::string host_name() {
   return host;
 }
 
-// Reader keys, in the order they are tested: a longer key that contains a
-// shorter one comes first (COLLECT_PROCESSOR~ before COLLECT_PROCESS~).
-enum Key {
-  kLogDir, kInstallDir, kDataDir, kRetain, kUser, kVerbose, kScanRate, kWriteRate, kPeakRate,
-  kCollectCpu, kCollectDisk, kCollectFilesys, kCollectProcessor, kCollectProcess, kCollectMemory,
-  kCollectNet, kCollectNic, kCollectHba, kCollectLpar, kAugmentNetwork, kAugmentProcess,
-  kPriority, kAppendDataFiles, kMapDisknames, kFilesysExclude,
-};
-constexpr std::array<std::string_view, 25> kKeys = {
-    "LOG_DIR~",         "INSTALL_DIR~",     "DATA_DIR~",          "RETAIN~",
-    "USER~",            "VERBOSE~",         "SCAN_RATE~",         "WRITE_RATE~",
-    "PEAK_RATE~",       "COLLECT_CPU~",     "COLLECT_DISK~",      "COLLECT_FILESYS~",
-    "COLLECT_PROCESSOR~", "COLLECT_PROCESS~", "COLLECT_MEMORY~",  "COLLECT_NET~",
-    "COLLECT_NIC~",     "COLLECT_HBA~",     "COLLECT_LPAR~",      "AUGMENT_NETWORK~",
-    "AUGMENT_PROCESS~", "PRIORITY~",        "APPEND_DATA_FILES~", "MAP_DISKNAMES~",
-    "FILESYS_EXCLUDE~",
-};
+using D = DcSettings;
 
-int* int_field(DcSettings& r, int key) {
-  switch (key) {
-    case kRetain: return &r.retain;
-    case kVerbose: return &r.verbose;
-    case kScanRate: return &r.scan_rate;
-    case kWriteRate: return &r.write_rate;
-    case kPeakRate: return &r.peak_rate;
-    case kCollectCpu: return &r.collect_cpu;
-    case kCollectDisk: return &r.collect_disk;
-    case kCollectFilesys: return &r.collect_filesys;
-    case kCollectProcessor: return &r.collect_processor;
-    case kCollectProcess: return &r.collect_process;
-    case kCollectMemory: return &r.collect_memory;
-    case kCollectNet: return &r.collect_net;
-    case kCollectNic: return &r.collect_nic;
-    case kCollectHba: return &r.collect_hba;
-    case kCollectLpar: return &r.collect_lpar;
-    case kAugmentNetwork: return &r.augment_network;
-    case kAugmentProcess: return &r.augment_process;
-    case kPriority: return &r.priority;
-    case kAppendDataFiles: return &r.append_data_files;
-    case kMapDisknames: return &r.map_disknames;
-    default: return nullptr;
-  }
-}
+// Keys in the order they are tried; MAX_CPU~ is written but not read back.
+constexpr KeyField<D> kSettingsKeys[] = {
+    text_key("LOG_DIR~", &D::log_dir, &D::log_dir_given),
+    text_key("INSTALL_DIR~", &D::install_dir, &D::install_dir_given),
+    text_key("DATA_DIR~", &D::data_dir, &D::data_dir_given),
+    dc_key::kRetain,
+    trimmed_key("USER~", &D::user),
+    dc_key::kVerbose,
+    dc_key::kScanRate,
+    dc_key::kWriteRate,
+    dc_key::kPeakRate,
+    dc_key::kCollectCpu,
+    dc_key::kCollectDisk,
+    dc_key::kCollectFilesys,
+    dc_key::kCollectProcessor,
+    dc_key::kCollectProcess,
+    dc_key::kCollectMemory,
+    dc_key::kCollectNet,
+    dc_key::kCollectNic,
+    dc_key::kCollectHba,
+    dc_key::kCollectLpar,
+    dc_key::kAugmentNetwork,
+    dc_key::kAugmentProcess,
+    dc_key::kPriority,
+    dc_key::kAppendDataFiles,
+    dc_key::kMapDisknames,
+    dc_key::kFilesysExclude,
+};
 
 }  // namespace
 
 int zudLibTrim(std::string& text) {
-  auto first = text.find_first_not_of(" \t");
-  if (first == std::string::npos) {
-    text.clear();
-    return 0;
-  }
-  auto last = text.find_last_not_of(" \t\r\n");
-  text = text.substr(first, last - first + 1);
+  text = value_trimmed(text);
   return static_cast<int>(text.size());
 }
 
@@ -148,41 +128,9 @@ int dc_update_paths(DcSettings& record, const std::string& root) {
 }
 
 int dc_parse_startup_file(DcSettings& record) {
-  std::vector<std::string> lines;
-  if (read_key_lines(record.settings_file, lines) != 0) return 0;
-  int recognised = 0;
-  for (const std::string& line : lines) {
-    KeyMatch m = match_key(line, kKeys);
-    if (m.index < 0) continue;  // MAX_CPU~ and anything unknown
-    ++recognised;
-    if (int* field = int_field(record, m.index)) {
-      *field = value_to_int(m.value);
-      continue;
-    }
-    switch (m.index) {
-      case kLogDir:
-        record.log_dir = value_less_last(m.value);
-        record.log_dir_given = 1;
-        break;
-      case kInstallDir:
-        record.install_dir = value_less_last(m.value);
-        record.install_dir_given = 1;
-        break;
-      case kDataDir:
-        record.data_dir = value_less_last(m.value);
-        record.data_dir_given = 1;
-        break;
-      case kUser:
-        record.user = std::string(m.value);
-        zudLibTrim(record.user);
-        break;
-      case kFilesysExclude:
-        // Taken with its line feed: the collector's own reader does the
-        // same, and files written since carry the line feed on.
-        record.filesys_exclude = std::string(m.value);
-        break;
-    }
-  }
+  int error = 0;
+  const int recognised = read_key_file<DcSettings>(record.settings_file, kSettingsKeys, record, error);
+  if (recognised < 0) return 0;
   record.collect_all = record.collect_net == 1 && record.collect_cpu == 1 && record.collect_processor == 1 &&
                                record.collect_memory == 1 && record.collect_filesys == 1 && record.collect_disk == 1
                            ? 1
@@ -191,42 +139,39 @@ int dc_parse_startup_file(DcSettings& record) {
 }
 
 int dc_write_settings_file(DcSettings& record) {
-  std::string path = record.settings_dir + "/vorn_" + record.hostname + ".config";
-  UniqueFile file(std::fopen(path.c_str(), "w"));
-  if (!file) {
-    std::fprintf(stderr, "failed to open %s, %s \n", path.c_str(), std::strerror(errno));
-    return 0;
-  }
-  if (!file_exists(record.install_dir)) (void)dc_update_paths(record, kDefaultInstallRoot);
-
-  std::FILE* f = file.get();
-  std::fprintf(f, "WRITE_RATE~%d\n", record.write_rate);
-  std::fprintf(f, "PEAK_RATE~%d\n", record.peak_rate);
-  std::fprintf(f, "SCAN_RATE~%d\n", record.scan_rate);
-  std::fprintf(f, "RETAIN~%d\n", record.retain);
-  std::fprintf(f, "PRIORITY~%d\n", record.priority);
-  std::fprintf(f, "VERBOSE~%d\n", record.verbose);
-  std::fprintf(f, "USER~%s\n", record.user.c_str());
+  const std::string path = record.settings_dir + "/vorn_" + record.hostname + ".config";
   // "Collect all" is not a key of its own: it is spelled out as the groups,
   // with LPAR left off because most hosts have no partitions to report.
   const bool all = record.collect_all == 1;
-  std::fprintf(f, "COLLECT_CPU~%d\n", all ? 1 : record.collect_cpu);
-  std::fprintf(f, "COLLECT_DISK~%d\n", all ? 1 : record.collect_disk);
-  std::fprintf(f, "COLLECT_PROCESS~%d\n", all ? 1 : record.collect_process);
-  std::fprintf(f, "COLLECT_MEMORY~%d\n", all ? 1 : record.collect_memory);
-  std::fprintf(f, "COLLECT_NET~%d\n", all ? 1 : record.collect_net);
-  std::fprintf(f, "COLLECT_NIC~%d\n", all ? 1 : record.collect_nic);
-  std::fprintf(f, "COLLECT_HBA~%d\n", all ? 1 : record.collect_hba);
-  std::fprintf(f, "COLLECT_LPAR~%d\n", all ? 0 : record.collect_lpar);
-  std::fprintf(f, "COLLECT_FILESYS~%d\n", all ? 1 : record.collect_filesys);
-  std::fprintf(f, "COLLECT_PROCESSOR~%d\n", all ? 1 : record.collect_processor);
-  std::fprintf(f, "MAX_CPU~%d\n", record.max_cpu);
-  std::fprintf(f, "MAP_DISKNAMES~%d\n", record.map_disknames);
-  std::fprintf(f, "FILESYS_EXCLUDE~%s\n", record.filesys_exclude.c_str());
-  std::fprintf(f, "AUGMENT_NETWORK~%d\n", record.augment_network);
-  std::fprintf(f, "AUGMENT_PROCESS~%d\n", record.augment_process);
-  bool failed = std::ferror(f) != 0;
-  return file.close() == 0 && !failed ? 1 : 0;
+  KeyFileText file;
+  file.put("WRITE_RATE~", record.write_rate)
+      .put("PEAK_RATE~", record.peak_rate)
+      .put("SCAN_RATE~", record.scan_rate)
+      .put("RETAIN~", record.retain)
+      .put("PRIORITY~", record.priority)
+      .put("VERBOSE~", record.verbose)
+      .put("USER~", record.user)
+      .put("COLLECT_CPU~", all ? 1 : record.collect_cpu)
+      .put("COLLECT_DISK~", all ? 1 : record.collect_disk)
+      .put("COLLECT_PROCESS~", all ? 1 : record.collect_process)
+      .put("COLLECT_MEMORY~", all ? 1 : record.collect_memory)
+      .put("COLLECT_NET~", all ? 1 : record.collect_net)
+      .put("COLLECT_NIC~", all ? 1 : record.collect_nic)
+      .put("COLLECT_HBA~", all ? 1 : record.collect_hba)
+      .put("COLLECT_LPAR~", all ? 0 : record.collect_lpar)
+      .put("COLLECT_FILESYS~", all ? 1 : record.collect_filesys)
+      .put("COLLECT_PROCESSOR~", all ? 1 : record.collect_processor)
+      .put("MAX_CPU~", record.max_cpu)
+      .put("MAP_DISKNAMES~", record.map_disknames)
+      .put("FILESYS_EXCLUDE~", record.filesys_exclude)
+      .put("AUGMENT_NETWORK~", record.augment_network)
+      .put("AUGMENT_PROCESS~", record.augment_process);
+  if (const int error = replace_file(path, file.text()); error != 0) {
+    std::fprintf(stderr, "failed to open %s, %s \n", path.c_str(), std::strerror(error));
+    return 0;
+  }
+  if (!file_exists(record.install_dir)) (void)dc_update_paths(record, kDefaultInstallRoot);
+  return 1;
 }
 
 }  // namespace kova

@@ -5,34 +5,25 @@
 #include <ctime>
 #include <string>
 
+#include "components/dc_fields.h"
+
 namespace kova {
 
 inline constexpr const char* kDefaultInstallRoot = "/opt/vantrel";
 inline constexpr const char* kDefaultFilesysExclude = "tmpfs,devfs,mntfs,lofs,ctfs,fd,proc,objfs";
 
-struct DcSettings {
-  int scan_rate = 2000;   // process scan interval, ms
-  int write_rate = 120;   // data dump interval, s
-  int peak_rate = 0;      // peak scan interval, ms; 0 = off
-  int retain = 30;        // days
-  int verbose = 0;
+// The collector's settings; the rates and groups it shares with its lock
+// file come from DcCollectorFields.
+struct DcSettings : DcCollectorFields {
+  DcSettings() {
+    scan_rate = 2000;
+    write_rate = 120;
+    retain = 30;
+    map_disknames = 1;
+    filesys_exclude = kDefaultFilesysExclude;
+  }
   int max_cpu = 101;      // written, never read back
   int collect_all = 1;    // all metric groups
-  int collect_cpu = 0;
-  int collect_disk = 0;
-  int collect_process = 0;
-  int collect_memory = 0;
-  int collect_net = 0;
-  int collect_filesys = 0;
-  int collect_nic = 0;
-  int collect_hba = 0;
-  int collect_lpar = 0;
-  int collect_processor = 0;
-  int augment_process = 0;
-  int augment_network = 0;
-  int priority = 0;
-  int map_disknames = 1;
-  int append_data_files = 0;  // read, never written
   std::time_t start_time = 0;  // collection window, used by the lock file
   int start_time_given = 0;
   std::time_t end_time = 0;
@@ -41,7 +32,6 @@ struct DcSettings {
   int data_dir_given = 0;
   int log_dir_given = 0;
   std::string hostname;  // cut at its first "."
-  std::string filesys_exclude = kDefaultFilesysExclude;
   std::string user = "root";
   std::string install_dir;
   std::string data_dir;

@@ -13,7 +13,7 @@
 #include "components/command.h"
 #include "components/dc_settings.h"
 #include "platform/findproc.h"
-#include "components/keyfile.h"
+#include "settings/keyfile.h"
 #include "base/clock.h"
 #include "base/log.h"
 #include "platform/files.h"
@@ -46,19 +46,42 @@ ComponentCommand command_line(const AgentSettings& settings, std::string_view ta
   return component_command(settings.install_root + "/bin/" + kProgram, tail, settings);
 }
 
-enum SettingsKey { kInstallDir, kLogDir, kDataDir, kVerbose, kPort, kProcesses, kAlerts, kScanRate, kPriority, kUser };
-constexpr std::array<std::string_view, 10> kSettingsKeys = {
-    "INSTALL_DIR~", "LOG_DIR~",  "DATA_DIR~",  "VERBOSE~",   "RTA_PORT~",
-    "PROCESSES~",   "ALERTS~",   "SCAN_RATE~", "PRIORITY~",  "USER~",
+using R = RtaSettings;
+
+void take_processes(RtaSettings& record, std::string_view) { record.processes2 = record.processes; }
+
+// Keys in the order they are tried.
+constexpr KeyField<R> kSettingsKeys[] = {
+    text_key("INSTALL_DIR~", &R::install_dir, &R::install_dir_given),
+    text_key("LOG_DIR~", &R::log_dir, &R::log_dir_given),
+    text_key("DATA_DIR~", &R::data_dir, &R::data_dir_given),
+    int_key("VERBOSE~", &R::verbose),
+    int_key("RTA_PORT~", &R::port),
+    {"PROCESSES~", KeyValue::kInt, &R::processes, nullptr, nullptr, false, take_processes},
+    int_key("ALERTS~", &R::alerts),
+    int_key("SCAN_RATE~", &R::scan_rate),
+    int_key("PRIORITY~", &R::priority, &R::priority_given),
+    trimmed_key("USER~", &R::user),
 };
 
-enum LockKey {
-  kLockPid, kLockStarted, kLockVersion, kLockInstallDir, kLockDataDir, kLockLogDir, kLockTempDir,
-  kLockVerbose, kLockPort, kLockAlerts, kLockProcesses, kLockScanRate, kLockUser,
-};
-constexpr std::array<std::string_view, 13> kLockKeys = {
-    "PID~",     "STARTED~",  "VERSION~", "INSTALL_DIR~", "DATA_DIR~",  "LOG_DIR~", "TEMP_DIR~",
-    "VERBOSE~", "RTA_PORT~", "ALERTS~",  "PROCESSES~",   "SCAN_RATE~", "USER~",
+using K = RtaLockfile;
+
+// The summary "pid@processes@port@started" has no line feed of its own: the
+// PID~ line follows it on the same line and is found all the same.
+constexpr KeyField<K> kLockKeys[] = {
+    int_key("PID~", &K::pid),
+    text_key("STARTED~", &K::started),
+    text_key("VERSION~", &K::version),
+    text_key("INSTALL_DIR~", &K::install_dir),
+    text_key("DATA_DIR~", &K::data_dir),
+    text_key("LOG_DIR~", &K::log_dir),
+    text_key("TEMP_DIR~", &K::temp_dir),
+    int_key("VERBOSE~", &K::verbose),
+    int_key("RTA_PORT~", &K::port),
+    int_key("ALERTS~", &K::alerts),
+    int_key("PROCESSES~", &K::processes),
+    int_key("SCAN_RATE~", &K::scan_rate),
+    text_key("USER~", &K::user),
 };
 
 }  // namespace
@@ -92,45 +115,9 @@ int rta_adjust_path_settings(RtaSettings& record, const std::string& root) {
 }
 
 int rta_parse_startup_file(RtaSettings& record) {
-  std::vector<std::string> lines;
-  if (read_key_lines(record.settings_file, lines) != 0) return 0;
-  int recognised = 0;
-  for (const std::string& line : lines) {
-    KeyMatch m = match_key(line, kSettingsKeys);
-    if (m.index < 0) continue;
-    ++recognised;
-    switch (m.index) {
-      case kInstallDir:
-        record.install_dir = value_less_last(m.value);
-        record.install_dir_given = 1;
-        break;
-      case kLogDir:
-        record.log_dir = value_less_last(m.value);
-        record.log_dir_given = 1;
-        break;
-      case kDataDir:
-        record.data_dir = value_less_last(m.value);
-        record.data_dir_given = 1;
-        break;
-      case kVerbose: record.verbose = value_to_int(m.value); break;
-      case kPort: record.port = value_to_int(m.value); break;
-      case kProcesses:
-        record.processes = value_to_int(m.value);
-        record.processes2 = record.processes;
-        break;
-      case kAlerts: record.alerts = value_to_int(m.value); break;
-      case kScanRate: record.scan_rate = value_to_int(m.value); break;
-      case kPriority:
-        record.priority = value_to_int(m.value);
-        record.priority_given = 1;
-        break;
-      case kUser:
-        record.user = std::string(m.value);
-        zudLibTrim(record.user);
-        break;
-    }
-  }
-  if (recognised == 0) return 0;
+  int error = 0;
+  const int recognised = read_key_file<RtaSettings>(record.settings_file, kSettingsKeys, record, error);
+  if (recognised <= 0) return 0;
   if (record.alerts != 0 && record.alerts != 1) {
     std::printf("ALERTS setting must be either 1 or 0 \n");
     record.alerts = 1;
@@ -139,20 +126,17 @@ int rta_parse_startup_file(RtaSettings& record) {
 }
 
 int rta_write_settings_file(const RtaSettings& record) {
-  std::string path = record.settings_dir + "/rta_" + record.hostname + ".config";
+  const std::string path = record.settings_dir + "/rta_" + record.hostname + ".config";
   std::printf("Writing config file %s \n", path.c_str());
-  UniqueFile file(std::fopen(path.c_str(), "w"));
-  if (!file) return 0;
-  std::FILE* f = file.get();
-  std::fprintf(f, "PRIORITY~%d\n", record.priority);
-  std::fprintf(f, "VERBOSE~%d\n", record.verbose);
-  std::fprintf(f, "USER~%s\n", record.user.c_str());
-  std::fprintf(f, "RTA_PORT~%d\n", record.port);
-  std::fprintf(f, "SCAN_RATE~%d\n", record.scan_rate);
-  std::fprintf(f, "ALERTS~%d\n", record.alerts);
-  std::fprintf(f, "PROCESSES~%d\n", record.processes);
-  bool failed = std::ferror(f) != 0;
-  return file.close() == 0 && !failed ? 1 : 0;
+  KeyFileText file;
+  file.put("PRIORITY~", record.priority)
+      .put("VERBOSE~", record.verbose)
+      .put("USER~", record.user)
+      .put("RTA_PORT~", record.port)
+      .put("SCAN_RATE~", record.scan_rate)
+      .put("ALERTS~", record.alerts)
+      .put("PROCESSES~", record.processes);
+  return replace_file(path, file.text()) == 0 ? 1 : 0;
 }
 
 int compare_rta_settings(RtaSettings& record, int port, int processes, int scan_rate) {
@@ -174,31 +158,9 @@ int compare_rta_settings(RtaSettings& record, int port, int processes, int scan_
 }
 
 int rta_read_lockfile(const std::string& path, RtaLockfile& record) {
-  std::vector<std::string> lines;
-  if (int err = read_key_lines(path, lines); err != 0) return err == ENOENT ? -1 : 0;
-  int recognised = 0;
-  // The summary "pid@processes@port@started" has no line feed of its own:
-  // the PID~ line follows it on the same line and is found all the same.
-  for (const std::string& line : lines) {
-    KeyMatch m = match_key(line, kLockKeys);
-    if (m.index < 0) continue;
-    ++recognised;
-    switch (m.index) {
-      case kLockPid: record.pid = value_to_int(m.value); break;
-      case kLockStarted: record.started = value_less_last(m.value); break;
-      case kLockVersion: record.version = value_less_last(m.value); break;
-      case kLockInstallDir: record.install_dir = value_less_last(m.value); break;
-      case kLockDataDir: record.data_dir = value_less_last(m.value); break;
-      case kLockLogDir: record.log_dir = value_less_last(m.value); break;
-      case kLockTempDir: record.temp_dir = value_less_last(m.value); break;
-      case kLockVerbose: record.verbose = value_to_int(m.value); break;
-      case kLockPort: record.port = value_to_int(m.value); break;
-      case kLockAlerts: record.alerts = value_to_int(m.value); break;
-      case kLockProcesses: record.processes = value_to_int(m.value); break;
-      case kLockScanRate: record.scan_rate = value_to_int(m.value); break;
-      case kLockUser: record.user = value_less_last(m.value); break;
-    }
-  }
+  int error = 0;
+  const int recognised = read_key_file<RtaLockfile>(path, kLockKeys, record, error);
+  if (recognised < 0) return error == ENOENT ? -1 : 0;
   if (recognised == 0) {
     (void)::unlink(path.c_str());
     return 0;

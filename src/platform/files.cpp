@@ -1,7 +1,11 @@
 #include "platform/files.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <cerrno>
 
 #include "platform/unique.h"
 
@@ -40,6 +44,62 @@ int get_ave_data_file_size(const std::string& data_dir, int& avg_mb) {
   }
   if (count > 0) avg_mb = static_cast<int>(sum_mb / count);
   return 1;
+}
+
+namespace {
+
+// Writes `content` to a new temporary file beside `path` and returns its
+// name, or an empty name with `error` set.
+std::string write_temporary(const std::string& path, std::string_view content, mode_t mode, int& error) {
+  // The pid keeps concurrent writers apart; one process writes one file
+  // at a time.
+  const std::string temp = path + ".tmp." + std::to_string(::getpid());
+  UniqueFd fd(::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, mode));
+  if (!fd) {
+    error = errno;
+    return {};
+  }
+  for (size_t done = 0; done < content.size();) {
+    const ssize_t n = ::write(fd.get(), content.data() + done, content.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      error = n < 0 ? errno : EIO;
+      (void)::unlink(temp.c_str());
+      return {};
+    }
+    done += static_cast<size_t>(n);
+  }
+  if (::close(fd.release()) != 0) {
+    error = errno;
+    (void)::unlink(temp.c_str());
+    return {};
+  }
+  error = 0;
+  return temp;
+}
+
+}  // namespace
+
+int replace_file(const std::string& path, std::string_view content, mode_t mode) {
+  int error = 0;
+  const std::string temp = write_temporary(path, content, mode, error);
+  if (temp.empty()) return error;
+  if (::rename(temp.c_str(), path.c_str()) != 0) {
+    error = errno;
+    (void)::unlink(temp.c_str());
+    return error;
+  }
+  return 0;
+}
+
+int create_file_exclusive(const std::string& path, std::string_view content, mode_t mode) {
+  int error = 0;
+  const std::string temp = write_temporary(path, content, mode, error);
+  if (temp.empty()) return error;
+  (void)::chmod(temp.c_str(), mode);  // the mode exactly, whatever the umask
+  error = ::link(temp.c_str(), path.c_str()) == 0 ? 0 : errno;
+  (void)::unlink(temp.c_str());
+  return error;
 }
 
 }  // namespace kova

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace kova {
 
@@ -35,5 +36,17 @@ void make_directories(const std::string& path, mode_t mode);
 // avg_mb untouched when there are none; 0 when the directory cannot be
 // read.
 [[nodiscard]] int get_ave_data_file_size(const std::string& data_dir, int& avg_mb);
+
+// Replaces the file at `path` with `content` so that a reader sees either
+// the old file or the whole new one, never a part: the text is written to a
+// temporary file in the same directory and renamed over `path`. A new file
+// gets `mode` less the umask. Returns 0, or errno of the step that failed
+// (the temporary file is then removed and `path` left as it was).
+[[nodiscard]] int replace_file(const std::string& path, std::string_view content, mode_t mode = 0666);
+
+// Creates the file at `path` with `content`, whole or not at all: written to
+// a temporary file first, then linked into place, which fails with EEXIST
+// when `path` exists. Returns 0 or errno.
+[[nodiscard]] int create_file_exclusive(const std::string& path, std::string_view content, mode_t mode);
 
 }  // namespace kova

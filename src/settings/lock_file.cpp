@@ -21,49 +21,33 @@
 #include "platform/files.h"
 #include "platform/unique.h"
 #include "settings/command_line.h"
+#include "settings/keyfile.h"
 
 namespace kova {
 namespace {
 
-// Applies one lock-file line; false when it holds no known key.
-bool apply_lock_line(std::string_view line, AgentLockRecord& r) {
-  auto value = [&](std::string_view key, std::string& out) {
-    size_t at = line.find(key);
-    if (at == std::string_view::npos) return false;
-    std::string_view rest = line.substr(at + key.size());
-    if (!rest.empty()) rest.remove_suffix(1);
-    out = rest;
-    return true;
-  };
-  auto number = [&](std::string_view key, int& out) {
-    size_t at = line.find(key);
-    if (at == std::string_view::npos) return false;
-    out = std::atoi(std::string(line.substr(at + key.size())).c_str());
-    return true;
-  };
-  if (number("PID~", r.pid)) return true;
-  if (value("STARTED~", r.start_time)) return true;
-  if (value("VERSION~", r.version)) return true;
-  if (value("INSTALL_DIR~", r.install_dir)) return true;
-  if (line.substr(0, 8) == "DATA_DIR") {
-    std::string_view rest = line.substr(std::min(line.size(), std::strlen("DATA_DIR~")));
-    if (!rest.empty()) rest.remove_suffix(1);
-    r.data_dir = rest;
-    return true;
-  }
-  if (value("APP_DATA_DIR~", r.app_data_dir)) return true;
-  if (value("COMPRESSION_COMMAND~", r.compression_command)) return true;
-  if (value("LOG_DIR~", r.log_dir)) return true;
-  if (value("REMOTE_DIR~", r.remote_dir)) return true;
-  if (value("TEMP_DIR~", r.temp_dir)) return true;
-  if (number("VERBOSE~", r.verbose)) return true;
-  if (number("KOVAAGENT_PORT~", r.port)) return true;
-  if (value("KOVASERVER~", r.server)) return true;
-  if (value("SETTINGS_SERVER~", r.settings_server)) return true;
-  if (value("USER~", r.user)) return true;
-  if (value("DATA_SOURCE~", r.data_source)) return true;
-  return false;
-}
+using LockRow = KeyField<AgentLockRecord>;
+using L = AgentLockRecord;
+
+// Keys in the order they are tried; PRIORITY~ is written but not read back.
+constexpr LockRow kLockKeys[] = {
+    int_key("PID~", &L::pid),
+    text_key("STARTED~", &L::start_time),
+    text_key("VERSION~", &L::version),
+    text_key("INSTALL_DIR~", &L::install_dir),
+    {"DATA_DIR~", KeyValue::kText, nullptr, &L::data_dir, nullptr, true},
+    text_key("APP_DATA_DIR~", &L::app_data_dir),
+    text_key("COMPRESSION_COMMAND~", &L::compression_command),
+    text_key("LOG_DIR~", &L::log_dir),
+    text_key("REMOTE_DIR~", &L::remote_dir),
+    text_key("TEMP_DIR~", &L::temp_dir),
+    int_key("VERBOSE~", &L::verbose),
+    int_key("KOVAAGENT_PORT~", &L::port),
+    text_key("KOVASERVER~", &L::server),
+    text_key("SETTINGS_SERVER~", &L::settings_server),
+    text_key("USER~", &L::user),
+    text_key("DATA_SOURCE~", &L::data_source),
+};
 
 // Releases 5.6 to 5.9 predate the lock file; there the process table alone
 // tells whether an agent runs without one.
@@ -147,20 +131,13 @@ int check_free(const std::string& path, float* free_kb, float* percent_free) {
 }
 
 int kova_read_lockfile(const std::string& path, AgentLockRecord& record) {
-  UniqueFile file(std::fopen(path.c_str(), "r"));
-  if (!file) {
-    if (errno == ENOENT) return -1;
-    if (errno == EACCES) return -2;
+  int error = 0;
+  const int matched = read_key_file<AgentLockRecord>(path, kLockKeys, record, error);
+  if (matched < 0) {
+    if (error == ENOENT) return -1;
+    if (error == EACCES) return -2;
     return 0;
   }
-  int matched = 0;
-  char* buffer = nullptr;
-  size_t capacity = 0;
-  ssize_t length;
-  while ((length = ::getline(&buffer, &capacity, file.get())) != -1)
-    if (apply_lock_line(std::string_view(buffer, static_cast<size_t>(length)), record)) ++matched;
-  std::free(buffer);
-  file.reset();
   if (matched == 0) {
     ::unlink(path.c_str());
     return 0;
@@ -288,42 +265,34 @@ int kova_write_lockfile(const AgentSettings& s) {
     return 0;
   }
 
-  UniqueFd fd(::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
-  if (!fd) {
+  KeyFileText file;
+  file.put("PID~", ::getpid())
+      .put("STARTED~", stamp)
+      .put("VERSION~", std::string(kBuildVersion) + ":" + kBuildDate)
+      .put("INSTALL_DIR~", s.install_root)
+      .put("DATA_DIR~", s.data_dir)
+      .put("LOG_DIR~", s.log_dir)
+      .put("APP_DATA_DIR~", s.app_data_dir)
+      .put("COMPRESSION_COMMAND~", s.compression_command)
+      .put("REMOTE_DIR~", s.outgoing_dir)
+      .put("VERBOSE~", s.verbose)
+      .put("PRIORITY~", s.priority)
+      .put("KOVAAGENT_PORT~", s.port)
+      .put("KOVASERVER~", s.server)
+      .put("SETTINGS_SERVER~", s.settings_server)
+      .put("DATA_SOURCE~", s.measureware_source == 1 ? kDataSourceMeasureware : kDataSourceCollector)
+      .put("USER~", s.user);
+  // Written whole under a temporary name and linked into place: a second
+  // agent's link fails as an exclusive create would, and a reader never
+  // sees a part of the file.
+  const int error = create_file_exclusive(path, file.text(), 0644);
+  if (error == ENOSPC || error == EDQUOT || error == EIO) {
+    std::fprintf(stderr, "Fatal: Unable to write to lockfile : %s \n", std::strerror(error));
+    return 0;
+  }
+  if (error != 0) {  // the file exists after all, or cannot be created
     std::fprintf(stderr, "Fatal: %s is already running\n", kProgramName);
     kova_status(s.install_root, path, 1, 0, s.use_lock);
-    return 0;
-  }
-  ::fchmod(fd.get(), 0644);
-  UniqueFile file(::fdopen(fd.get(), "w"));
-  if (!file) {
-    std::fprintf(stderr, "Fatal: Unable to write to lockfile : %s \n", std::strerror(errno));
-    return 0;
-  }
-  fd.release();  // the stream owns the descriptor now
-  if (::lockf(::fileno(file.get()), F_TLOCK, 0) != 0) {
-    std::fprintf(stderr, "Fatal: %s is already running\n", kProgramName);
-    return 0;
-  }
-  std::FILE* f = file.get();
-  std::fprintf(f, "PID~%d\n", ::getpid());
-  std::fprintf(f, "STARTED~%s\n", stamp);
-  std::fprintf(f, "VERSION~%s:%s\n", kBuildVersion, kBuildDate);
-  std::fprintf(f, "INSTALL_DIR~%s\n", s.install_root.c_str());
-  std::fprintf(f, "DATA_DIR~%s\n", s.data_dir.c_str());
-  std::fprintf(f, "LOG_DIR~%s\n", s.log_dir.c_str());
-  std::fprintf(f, "APP_DATA_DIR~%s\n", s.app_data_dir.c_str());
-  std::fprintf(f, "COMPRESSION_COMMAND~%s\n", s.compression_command.c_str());
-  std::fprintf(f, "REMOTE_DIR~%s\n", s.outgoing_dir.c_str());
-  std::fprintf(f, "VERBOSE~%d\n", s.verbose);
-  std::fprintf(f, "PRIORITY~%d\n", s.priority);
-  std::fprintf(f, "KOVAAGENT_PORT~%d\n", s.port);
-  std::fprintf(f, "KOVASERVER~%s\n", s.server.c_str());
-  std::fprintf(f, "SETTINGS_SERVER~%s\n", s.settings_server.c_str());
-  std::fprintf(f, "DATA_SOURCE~%s\n", s.measureware_source == 1 ? kDataSourceMeasureware : kDataSourceCollector);
-  std::fprintf(f, "USER~%s\n", s.user.c_str());
-  if (file.close() != 0) {
-    std::fprintf(stderr, "Fatal: Unable to write to lockfile : %s \n", std::strerror(errno));
     return 0;
   }
   return 1;

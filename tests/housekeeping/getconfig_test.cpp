@@ -42,7 +42,11 @@ TEST(GetConfig, EveryLineInOrderFromThisHostAndTheComponentsSettings) {
   for (const char* d : {"data", "tmp", "bin"}) make_dirs(dir / d);
   AgentSettings s{.verbose = 1, .port = 1700, .server = "10.1.1.1,10.1.1.2", .collector_lock_path = dir / "tmp/h_lock",
                   .data_dir = dir / "data", .tmp_dir = dir / "tmp"};
-  const DcSettings dc{.scan_rate = 3000, .write_rate = 60, .retain = 7, .verbose = 2};
+  DcSettings dc;
+  dc.scan_rate = 3000;
+  dc.write_rate = 60;
+  dc.retain = 7;
+  dc.verbose = 2;
   const RtaSettings rta{.verbose = 1, .port = 2999, .scan_rate = 5, .alerts = 0, .processes = 1};
   const ConfigPrograms programs{dir / "bin", dir / "no-mwa"};  // the real-time agent is installed if its path exists
   write_file(s.collector_lock_path, "1@a@b@c@1@2\nVERSION~" + std::string(kVersion) + "\n");
