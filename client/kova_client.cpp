@@ -124,7 +124,7 @@ Status Connection::send(const Request& request) { return send_bytes(request.byte
 Status Connection::send_extended(std::string_view tag, std::span<const unsigned char> payload) {
   if (payload.size() > static_cast<size_t>(kExtendedPayloadMax))
     return failure(Error::kSend, "payload longer than " + std::to_string(kExtendedPayloadMax) + " bytes");
-  Request request(kOpcodeExtended);
+  Request request(kOpExtended);
   request.put_text(kExtendedTagOffset, tag, kExtendedTagLength);
   std::vector<unsigned char> rest(2 + payload.size());
   kova::put_short(rest, 0, static_cast<int>(payload.size()));

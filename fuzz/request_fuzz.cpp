@@ -59,7 +59,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   check(n <= static_cast<ssize_t>(kova::kRequestSize));
   if (n < 0) return 0;
   check(n == static_cast<ssize_t>(std::min(size, kova::kRequestSize)));
-  if (kova::request_opcode(request) != kova::kOpcodeExtended && (flags & 2) == 0) return 0;
+  if (kova::request_opcode(request) != kova::kOpExtended && (flags & 2) == 0) return 0;
 
   kova::ExtendedRequest ext;
   kova::read_extended_tag(request, ext);

@@ -9,7 +9,6 @@
 namespace kova {
 
 inline constexpr int kOsId = 4;  // the operating-system id sent for opcode 16
-inline constexpr int kResultTerminate = 27;  // process_request: end the agent
 
 struct AgentState {
   AgentSettings settings;

@@ -72,7 +72,7 @@ int start_collector(int fd, const std::string& address, const PacketBuffer& requ
   int status = StartDC_UNIX(address, dump, peak, collector_state().dc_cmdline.retain, s);
   write_to_log("I-DC_START", status == kStatusRunning ? "Data Collector started" : "Data Collector not started");
   send_startstop(fd, status);
-  return 23;
+  return kDispatchCollectorStarted;
 }
 
 int stop_collector(int fd, const std::string& address, const AgentSettings& s) {
@@ -83,7 +83,7 @@ int stop_collector(int fd, const std::string& address, const AgentSettings& s) {
   else
     log_printf("I-DC_STOP", "Data Collector NOT stopped - Code %d", status);
   send_startstop(fd, status);
-  return 24;
+  return kDispatchCollectorStopped;
 }
 
 int component_status(int fd, const AgentState& state) {
@@ -94,7 +94,7 @@ int component_status(int fd, const AgentState& state) {
   PacketBuffer reply{};
   int n = Packet_CreateDCSTAT(dc_status, dc.dc_interval, rta_status, dc.dc_peak_interval / 1000, reply);
   send_reply(fd, reply, static_cast<size_t>(n));
-  return 26;
+  return kDispatchStatusSent;
 }
 
 int start_rta(int fd, const std::string& address, const PacketBuffer& request, const AgentSettings& s) {
@@ -106,7 +106,7 @@ int start_rta(int fd, const std::string& address, const PacketBuffer& request, c
   int status = StartRTA_UNIX(address, processes, port, scan_rate, s);
   write_to_log("I-RTA_START", status == kStatusRunning ? "kovarta started" : "kovarta NOT started");
   send_startstop(fd, status);
-  return 28;
+  return kDispatchRtaStarted;
 }
 
 int stop_rta(int fd, const std::string& address, const AgentSettings& s) {
@@ -117,17 +117,17 @@ int stop_rta(int fd, const std::string& address, const AgentSettings& s) {
   else
     log_printf("I-RTA_STOP", "KOVArta Not stopped - Code %d", status);
   send_startstop(fd, status);
-  return 29;
+  return kDispatchRtaStopped;
 }
 
 int sorlex_request(int fd, const std::string& address, int opcode, const AgentSettings& s) {
   const std::string& root = s.search_agent_root;
   int status;
-  if (opcode == 18) {
+  if (opcode == kOpStartSorlex) {
     log_printf("I-SORLEX_START", "Start Sorlex request from %s", address.c_str());
     status = StartSORLEX_UNIX(root, s.verbose);
     write_to_log("I-SORLEX_START", status == kStatusRunning ? "sorlexagent started" : "sorlexagent NOT started");
-  } else if (opcode == 19) {
+  } else if (opcode == kOpStopSorlex) {
     log_printf("I-SORLEX_STOP", "Stop SORLEX request from %s", address.c_str());
     status = StopSORLEX_UNIX(root, s.verbose);
     if (status == kStatusNotRunning)
@@ -142,12 +142,12 @@ int sorlex_request(int fd, const std::string& address, int opcode, const AgentSe
                                                                 : "SORLEX NOT FOUND");
   }
   send_startstop(fd, status);
-  return 30;
+  return kDispatchDone;
 }
 
 int receive_memory_file(int fd, const std::string& address, const AgentSettings& s) {
   PacketBuffer buffer{}, spare{};
-  int result = receive_ascii_file(fd, s, s.memory_file_path, address, buffer, spare, 1, 9);
+  int result = receive_ascii_file(fd, s, s.memory_file_path, address, buffer, spare, 1, kPacketMemAck);
   if (result != 0) {
     int err = errno;
     log_printf("E-MEMF", "Problem receiving .MEMORY :  %d %s\n", err, std::strerror(err));
@@ -175,14 +175,14 @@ int perf_request(int fd, const std::string& address, const PacketBuffer& request
 // closed without the acknowledgement, which would promise data.
 int not_served(const char* what) {
   log_printf("W-NOT_SERVED", "Request %s is not served by this agent", what);
-  return 30;
+  return kDispatchDone;
 }
 
 int extended_request(int fd, const std::string& address, const PacketBuffer& request, AgentState& state) {
   ExtendedRequest ext;
   read_extended_tag(request, ext);
   log_printf("I-REQ_EXTEND", "Extended Request %s  from %s", ext.tag.data(), address.c_str());
-  if (read_extended_payload(fd, ext, state.settings.verbose) != FrameStatus::kOk) return 30;
+  if (read_extended_payload(fd, ext, state.settings.verbose) != FrameStatus::kOk) return kDispatchDone;
 
   const AgentSettings& s = state.settings;
   switch (match_extended_tag(ext.tag.data())) {
@@ -228,13 +228,13 @@ int extended_request(int fd, const std::string& address, const PacketBuffer& req
     case ExtendedTag::kDcStartNode: return not_served("DCSTART_NODE");
     case ExtendedTag::kMemoryNode:
       (void)socketsend_char_status(fd, kResultMemoryNode);
-      return 30;
+      return kDispatchDone;
     case ExtendedTag::kUnknown:
       (void)socketsend_char_status(fd, kResultUnknownCode);
       log_printf("W-UKNTAG", "Unknown extended request %s  from %s", ext.tag.data(), address.c_str());
-      return 30;
+      return kDispatchDone;
   }
-  return 30;
+  return kDispatchDone;
 }
 
 }  // namespace
@@ -244,31 +244,31 @@ int process_request(int fd, const std::string& address, AgentState& state, int p
   PacketBuffer request{};
   if (read_request(fd, request, s.verbose) < 0) {
     log_printf("E-READ", "Request read error:  %s\n", std::strerror(errno));
-    return 1;
+    return kDispatchReadError;
   }
   int opcode = request_opcode(request);
   if (s.verbose) log_printf("I-READ", "Check packet type... pid: %d  opcode: %d", pid, opcode);
 
   switch (opcode) {
-    case 1: return perf_request(fd, address, request, state);
-    case 2: return receive_memory_file(fd, address, s);
-    case 3: return start_collector(fd, address, request, s);
-    case 4: return stop_collector(fd, address, s);
-    case 5: return 30;
-    case 6: return component_status(fd, state);
-    case 7: return kResultTerminate;
-    case 8:
-    case 13: return process_rawdata_request(fd, s, address, request, opcode == 8 ? 0 : 1);
-    case 9: return start_rta(fd, address, request, s);
-    case 10: return stop_rta(fd, address, s);
-    case 14: {
+    case kOpPerfData: return perf_request(fd, address, request, state);
+    case kOpMemoryFile: return receive_memory_file(fd, address, s);
+    case kOpStartCollector: return start_collector(fd, address, request, s);
+    case kOpStopCollector: return stop_collector(fd, address, s);
+    case kOpIgnored: return kDispatchDone;
+    case kOpComponentStatus: return component_status(fd, state);
+    case kOpTerminate: return kDispatchTerminate;
+    case kOpRawData:
+    case kOpRawDataMode1: return process_rawdata_request(fd, s, address, request, opcode == kOpRawData ? 0 : 1);
+    case kOpStartRta: return start_rta(fd, address, request, s);
+    case kOpStopRta: return stop_rta(fd, address, s);
+    case kOpVersion: {
       write_to_log("I-VERS", "sending version to server 6.0 \n");
       PacketBuffer reply{};
       Packet_CreateVERS(6, 0, reply);
       send_reply(fd, reply, 8);
-      return 30;
+      return kDispatchDone;
     }
-    case 15: {
+    case kOpConfig: {
       write_to_log("I-PERF", "Request CONFIG file.");
       PacketBuffer buffer{};
       int result = process_config_request(fd, s, address, request, buffer);
@@ -278,20 +278,20 @@ int process_request(int fd, const std::string& address, AgentState& state, int p
       }
       return result;
     }
-    case 16: {
+    case kOpOsId: {
       write_to_log("I-VERS", "sending os ID \n");
       PacketBuffer reply{};
       Packet_CreateOS(reply, kOsId);
       send_reply(fd, reply, 4);
-      return 30;
+      return kDispatchDone;
     }
-    case 18:
-    case 19:
-    case 20: return sorlex_request(fd, address, opcode, s);
-    case kOpcodeExtended: return extended_request(fd, address, request, state);
+    case kOpStartSorlex:
+    case kOpStopSorlex:
+    case kOpSorlexStatus: return sorlex_request(fd, address, opcode, s);
+    case kOpExtended: return extended_request(fd, address, request, state);
     default:
       log_printf("E-UNKNOWN_CODE", "Unknown code from server, %s   code %d", address.c_str(), opcode);
-      return 30;
+      return kDispatchDone;
   }
 }
 

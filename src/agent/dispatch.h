@@ -10,7 +10,7 @@ namespace kova {
 
 // Serves the request on connection `fd` from `address`. `pid` is the
 // request child's pid, 0 when the agent serves requests itself. Returns
-// kResultTerminate for a terminate request; other values are informative.
+// kDispatchTerminate for a terminate request; other values are informative.
 int process_request(int fd, const std::string& address, AgentState& state, int pid);
 
 }  // namespace kova

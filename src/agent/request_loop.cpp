@@ -70,7 +70,7 @@ void request_loop(AgentState& state) {
     if (settings.fork == 0) {
       int result = process_request(connection.get(), address, state, 0);
       connection.reset();
-      if (result == kResultTerminate) TerminateAgent(0);
+      if (result == kDispatchTerminate) TerminateAgent(0);
       continue;
     }
 
@@ -84,7 +84,7 @@ void request_loop(AgentState& state) {
     set_terminate_state(-1, settings.use_lock, settings.agent_lock_path);
     if (state.detailed_logging == 1) log_printf("I-REQ_STR", "Request started: pid %d", ::getpid());
     int result = process_request(connection.get(), address, state, ::getpid());
-    if (result == kResultTerminate) {
+    if (result == kDispatchTerminate) {
       connection.reset();
       TerminateAgent(0);  // ends this child only
     }

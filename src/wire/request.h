@@ -9,12 +9,12 @@
 #include <cstdint>
 #include <span>
 
+#include "base/codes.h"
 #include "wire/packet.h"
 
 namespace kova {
 
 inline constexpr size_t kRequestSize = 40;
-inline constexpr int kOpcodeExtended = 254;
 
 inline constexpr size_t kExtendedTagOffset = 2;
 inline constexpr size_t kExtendedTagLength = 37;

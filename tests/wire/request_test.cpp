@@ -28,7 +28,7 @@ class ExtendedFraming : public WireTest {};
 
 TEST_F(ExtendedFraming, LengthDecidesPayloadOrBadPacketAndTheTagIsCutTo37Bytes) {
   PacketBuffer request{};
-  put_short(request, 0, kOpcodeExtended);
+  put_short(request, 0, kOpExtended);
   std::fill(request.begin() + 2, request.begin() + 39, 'T');
   request[39] = 'Z';
   const struct {
