@@ -21,9 +21,4 @@ const char* result_text(int code) {
   }
 }
 
-int MapErrorStatus(std::string& destination, int code) {
-  destination = result_text(code);
-  return 1;
-}
-
 }  // namespace kova

@@ -73,7 +73,4 @@ enum DispatchResult : int {
 // The text logged for a result code; "Unknown code" for codes without one.
 const char* result_text(int code);
 
-// Copies result_text(code) into `destination`; returns 1.
-int MapErrorStatus(std::string& destination, int code);
-
 }  // namespace kova

@@ -71,11 +71,6 @@ constexpr KeyField<D> kSettingsKeys[] = {
 
 }  // namespace
 
-int zudLibTrim(std::string& text) {
-  text = value_trimmed(text);
-  return static_cast<int>(text.size());
-}
-
 int dc_init_command_line(DcSettings& record) {
   record = DcSettings{};
   record.hostname = host_name();

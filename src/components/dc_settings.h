@@ -74,8 +74,4 @@ int dc_parse_startup_file(DcSettings& record);
 // failed.
 [[nodiscard]] int dc_write_settings_file(DcSettings& record);
 
-// Trims leading blanks and tabs and trailing blanks, tabs, CR and LF in
-// place; returns the new length.
-int zudLibTrim(std::string& text);
-
 }  // namespace kova

@@ -58,9 +58,6 @@ enum TransferResult : int {
 [[nodiscard]] int compress_file(const std::string& command_template, const std::string& file_name,
                                 std::string& out_name, std::string* extension = nullptr);
 
-// Copies a file; 1 when copied, 0 when either file could not be opened.
-[[nodiscard]] int copy_file(const std::string& from, const std::string& to);
-
 // The size of the file at path from stat(2), or -1.
 [[nodiscard]] int64_t GetFileSizeByName(const std::string& path);
 
@@ -70,15 +67,5 @@ enum TransferResult : int {
 
 // unlink(2)'s result.
 int delete_file(const std::string& path);
-
-// Runs `command` through the shell and captures up to 1024 bytes of its
-// standard output (output is cleared first). Every value from outside in
-// the command line must already be shell-quoted. Returns 1 when the
-// command could be started, else 0; its exit status is not examined.
-[[nodiscard]] int RunCommand(const std::string& command, std::string& output);
-
-// 1 when the first n characters of text and prefix are equal, or n <= 0;
-// 0 when text is shorter than n or they differ.
-[[nodiscard]] int LibMatch(const char* text, const char* prefix, int n);
 
 }  // namespace kova

@@ -18,7 +18,6 @@
 namespace kova {
 namespace {
 
-constexpr size_t kMergHostField = 64;
 
 // The request both forms share once their fields are read.
 int serve_merge(int socket, const AgentSettings& settings, const std::string& peer, const std::string& start,
@@ -121,26 +120,6 @@ int process_merg_request(int socket, const AgentSettings& settings, const std::s
   if (settings.verbose != 0) {
     log_printf("I-MERG_VAL", "start : %s", start.c_str());
     log_printf("I-MERG_VAL", "end : %s", end.c_str());
-  }
-  return serve_merge(socket, settings, peer, start, end, buffer);
-}
-
-int process_merg_node_request(int socket, const AgentSettings& settings, const std::string& peer,
-                              const unsigned char* payload, int length, PacketBuffer& buffer) {
-  log_printf("I-REQ_MERG", "MERG request from %s", peer.c_str());
-  clock_sleep(kDataRequestPause);
-  const std::span<const unsigned char> bytes = payload_bytes(payload, length);
-  std::string start, end;
-  if (int result = read_times(bytes, start, end); result != kResultOk) return result;
-  if (bytes.size() < 2 * kTimeFieldSize + kMergHostField) {
-    write_to_log("I_BADPACKET", "Failed to read hostname from packet");
-    return kResultBadPacket;
-  }
-  const std::string host = request_text_field(bytes, 2 * kTimeFieldSize, kMergHostField);
-  if (settings.verbose != 0) {
-    log_printf("I-MERG_VAL", "start : %s", start.c_str());
-    log_printf("I-MERG_VAL", "end : %s", end.c_str());
-    log_printf("I-MERG_VAL", "host : %s", host.c_str());
   }
   return serve_merge(socket, settings, peer, start, end, buffer);
 }

@@ -33,9 +33,4 @@ namespace kova {
 [[nodiscard]] int process_merg_request(int socket, const AgentSettings& settings, const std::string& peer,
                                        const unsigned char* payload, int length, PacketBuffer& buffer);
 
-// The node form: a 64-byte host name follows the two times. The name is
-// only logged; the data file and the outputs are this host's. Same codes.
-[[nodiscard]] int process_merg_node_request(int socket, const AgentSettings& settings, const std::string& peer,
-                                            const unsigned char* payload, int length, PacketBuffer& buffer);
-
 }  // namespace kova

@@ -160,13 +160,6 @@ int formatFileNameTime(std::string& out) {
   return 1;
 }
 
-int formatTimeStrings(std::string& start_out, std::string& end_out) {
-  const std::tm t = yesterday();
-  start_out = format_tm("%d-%b-%Y:00:00", t);
-  end_out = format_tm("%d-%b-%Y:23:59", t);
-  return 1;
-}
-
 // ---- data files and work files
 
 std::string perf_data_file_name(const std::string& host, const std::string& os, const std::string& date) {

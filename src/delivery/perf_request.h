@@ -43,9 +43,6 @@ int formatFileTime(const std::string& time, std::string& out);
 // Yesterday's local date (clock_now) as "%Y%b%d". Returns 1.
 int formatFileNameTime(std::string& out);
 
-// Yesterday as "%d-%b-%Y:00:00" and "%d-%b-%Y:23:59". Returns 1.
-int formatTimeStrings(std::string& start_out, std::string& end_out);
-
 // ---- data files and work files
 
 // The collector data file of `host` for `date` (YYYYMonDD), chosen by the

@@ -9,9 +9,9 @@
 
 #include "components/dc_lockfile.h"
 #include "base/log.h"
-#include "base/shell.h"
 #include "base/version.h"
 #include "platform/files.h"
+#include "platform/process.h"
 #include "platform/system_facts.h"
 #include "platform/unique.h"
 
@@ -22,10 +22,6 @@ namespace {
 constexpr const char* kReportVendor = "Sun";
 constexpr const char* kReportOs = "SUN";
 constexpr const char* kMeasurewareCollector = "scopeux";
-
-struct PipeCloser {
-  void operator()(std::FILE* pipe) const { ::pclose(pipe); }
-};
 
 // Size and free space in MB of the file system holding `path`; both 0 when
 // it cannot be queried. Free is what an unprivileged user may still write,
@@ -58,12 +54,14 @@ int GetSN(std::string& out) {
 int get_mwa_version(std::string& out, const std::string& program) {
   out = "not found";
   if (!file_exists(program)) return 1;
-  std::unique_ptr<std::FILE, PipeCloser> pipe(::popen((shell_quote(program) + " version").c_str(), "re"));
-  if (!pipe) return 1;
-  char line[512];
-  while (std::fgets(line, sizeof line, pipe.get()) != nullptr) {
-    std::string text = line;
-    if (!text.empty() && text.back() == '\n') text.pop_back();
+  std::string output;
+  if (run_program({program, "version"}, output) != 1) return 1;
+  size_t start = 0;
+  while (start < output.size()) {
+    size_t end = output.find('\n', start);
+    if (end == std::string::npos) end = output.size();
+    const std::string text = output.substr(start, end - start);
+    start = end + 1;
     const size_t at = text.find(kMeasurewareCollector);
     // The version follows the word and the one separator after it.
     if (at != std::string::npos) out = text.size() > at + 8 ? text.substr(at + 8) : std::string();

@@ -92,14 +92,6 @@ int purge_log_file(const std::string& log_dir, const std::string& hostname, cons
   return scanned;
 }
 
-int purge_remote_file(const std::string& directory, const std::string& prefix, int days, int verbose) {
-  if (days <= 0) return 0;
-  std::time_t cutoff = purge_cutoff(days);
-  int scanned = purge_file(directory, prefix, ".perf", cutoff, verbose);
-  scanned &= purge_file(directory, prefix, ".sif", cutoff, verbose);
-  return scanned;
-}
-
 int purge_appdata_file(const std::string& directory, const std::string& prefix, const std::string& extension,
                        int days, int verbose) {
   if (days < 0) return 0;

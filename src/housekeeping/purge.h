@@ -27,7 +27,6 @@ std::time_t purge_cutoff(int days);
                                    const std::string& word, const std::string& extension, int days, int verbose);
 [[nodiscard]] int purge_log_file(const std::string& log_dir, const std::string& hostname,
                                  const std::string& extension, int days, int verbose);
-[[nodiscard]] int purge_remote_file(const std::string& directory, const std::string& prefix, int days, int verbose);
 [[nodiscard]] int purge_appdata_file(const std::string& directory, const std::string& prefix,
                                      const std::string& extension, int days, int verbose);
 

@@ -212,15 +212,4 @@ int priv_on() { return set_effective(CAP_SET); }
 
 void priv_off() { (void)set_effective(CAP_CLEAR); }
 
-bool priv_kept_only() {
-  UniqueCaps caps(cap_get_proc());
-  if (!caps) return false;
-  for (cap_value_t cap = 0; cap < cap_max_bits(); ++cap) {
-    if (is_kept(cap)) continue;
-    if (has(caps.get(), cap, CAP_PERMITTED) || has(caps.get(), cap, CAP_INHERITABLE) || cap_get_bound(cap) == 1)
-      return false;
-  }
-  return true;
-}
-
 }  // namespace kova

@@ -23,9 +23,4 @@ int priv_init(int verbose);
 int priv_on();
 void priv_off();
 
-// True when the process holds nothing outside the kept set and can gain
-// nothing outside it by exec: its permitted and inheritable sets and its
-// bounding set are within the kept set.
-bool priv_kept_only();
-
 }  // namespace kova

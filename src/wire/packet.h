@@ -47,14 +47,10 @@ void put_long(std::span<unsigned char> buffer, size_t offset, int64_t value);
 void Packet_CreateShort(PacketBuffer& buffer, int value);
 // ERR: clears the buffer; code 5, the error code at 2.
 void Packet_CreateERR(int code, PacketBuffer& buffer);
-// ERR with two values: clears the buffer; code 5, a at 2, b at 4.
-void Packet_CreateERR2(PacketBuffer& buffer, int a, int b);
 // INF, the file-transfer header: code 6, long a at 2, long b at 6. Writes
 // only its fields. Only kInfSize bytes are sent, so b travels as its low
 // 2 bytes.
 void Packet_CreateINF(int64_t a, int64_t b, PacketBuffer& buffer);
-// INF variant: code 6, long b at 2, short c at 6, long a at 10 (8-9 left).
-void Packet_CreateINF1(int64_t a, int64_t b, int c, PacketBuffer& buffer);
 // STARTSTOP: code 8, status at 2. Writes only its fields; returns 4.
 int Packet_CreateSTARTSTOP(int status, PacketBuffer& buffer);
 // Memory acknowledgement: clears the buffer; bytes 00 09, then the value

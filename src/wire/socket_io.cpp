@@ -121,32 +121,4 @@ ssize_t Socket_readn_nonblock(int fd, void* buffer, size_t n, int verbose) {
   return read_loop(fd, buffer, n, verbose);
 }
 
-int Socket_Disconnect(int* fd) {
-  int rc = ::close(*fd);
-  *fd = -1;
-  if (rc != 0) {
-    log_printf("E-SOCK_DIS", "Disconnect : failed to close socket: %s", std::strerror(errno));
-    return 0;
-  }
-  return 1;
-}
-
-int Socket_Reconnect(int port, int* fd) {
-  write_to_log("I-RECONN", "Disconnecting...");
-  if (Socket_Disconnect(fd) != 1) return 0;
-  write_to_log("I-RECONN", "Reconnecting:  Create Socket...");
-  *fd = Socket_Create(port);
-  if (*fd < 0) {
-    write_to_log("E-RECONN", "Reconnect failed in Socket_Create");
-    return 0;
-  }
-  write_to_log("I-RECONN", "Socket Listen...");
-  if (::listen(*fd, 5) != 0) {
-    log_printf("E-RECONN", "listen error: %s", std::strerror(errno));
-    std::exit(0);
-  }
-  write_to_log("I-RECONN", "Reconnected");
-  return 1;
-}
-
 }  // namespace kova

@@ -49,12 +49,4 @@ WireHooks& wire_hooks();
 // The same read, used for the first bytes of a connection.
 [[nodiscard]] ssize_t Socket_readn_nonblock(int fd, void* buffer, size_t n, int verbose);
 
-// Closes *fd; returns 1, or 0 after logging "E-SOCK_DIS".
-[[nodiscard]] int Socket_Disconnect(int* fd);
-
-// Closes *fd, creates the listening socket again into *fd and listens.
-// Returns 1 when listening, 0 when it could not; a failed listen ends the
-// process with status 0.
-[[nodiscard]] int Socket_Reconnect(int port, int* fd);
-
 }  // namespace kova

@@ -25,10 +25,10 @@ class MergeRequest : public WireTest {
                "1709636400 2024-03-05 12:00:00 0.40 0.30 0.30 812344 213\n"
                "1709638200 2024-03-05 12:30:00 0.60 0.50 0.40 800000 215\n");
   }
-  // Serves the request (the node form with `node`): what was sent, and the result.
-  std::pair<std::string, int> merge(const std::string& payload, bool node = false) {
+  // Serves the request: what was sent, and the result.
+  std::pair<std::string, int> merge(const std::string& payload) {
     SocketPair pair;
-    const int result = (node ? process_merg_node_request : process_merg_request)(
+    const int result = process_merg_request(
         pair.agent.get(), s_, "127.0.0.1", reinterpret_cast<const unsigned char*>(payload.data()),
         static_cast<int>(payload.size()), buffer_);
     return {pair.drain(), result};
@@ -54,16 +54,15 @@ TEST_F(MergeRequest, SendsTheMergedRangeAndDeletesOrKeepsBothOutputs) {
 }
 
 TEST_F(MergeRequest, FailuresRunNothingAndSendNothing) {
-  const struct { std::string payload; bool node, memory; int code; } cases[] = {
-      {day_, false, true, kResultAnalyzeNotInstalled},
-      {std::string("06-Mar-2024:00:00\0" "06-Mar-2024:23:59", 36), false, true, kResultRawDataNotFound},
-      {day_.substr(0, 20), false, true, kResultBadPacket},
-      {day_ + "db7", true, true, kResultBadPacket},  // the node form needs its whole host field
-      {day_, false, false, kResultMemoryFileNotFound},
+  const struct { std::string payload; bool memory; int code; } cases[] = {
+      {day_, true, kResultAnalyzeNotInstalled},
+      {std::string("06-Mar-2024:00:00\0" "06-Mar-2024:23:59", 36), true, kResultRawDataNotFound},
+      {day_.substr(0, 20), true, kResultBadPacket},
+      {day_, false, kResultMemoryFileNotFound},
   };
   for (const auto& c : cases) {
     if (!c.memory) ::unlink(s_.memory_file_path.c_str());
-    EXPECT_EQ(merge(c.payload, c.node), std::pair(std::string(), c.code));
+    EXPECT_EQ(merge(c.payload), std::pair(std::string(), c.code));
   }
   EXPECT_EQ(count_in_log("I-MERG_COMMAND"), 0);
 }
