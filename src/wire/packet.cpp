@@ -30,6 +30,13 @@ void Packet_CreateERR(int code, PacketBuffer& buffer) {
   put_short(buffer, 2, code);
 }
 
+void Packet_CreateERR2(PacketBuffer& buffer, int a, int b) {
+  buffer.fill(0);
+  put_short(buffer, 0, kPacketErr);
+  put_short(buffer, 2, a);
+  put_short(buffer, 4, b);
+}
+
 void Packet_CreateINF(int64_t a, int64_t b, PacketBuffer& buffer) {
   put_short(buffer, 0, kPacketInf);
   put_long(buffer, 2, a);

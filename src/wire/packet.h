@@ -47,6 +47,9 @@ void put_long(std::span<unsigned char> buffer, size_t offset, int64_t value);
 void Packet_CreateShort(PacketBuffer& buffer, int value);
 // ERR: clears the buffer; code 5, the error code at 2.
 void Packet_CreateERR(int code, PacketBuffer& buffer);
+// ERR with two values: clears the buffer; code 5, a at 2, b at 4. The
+// application-data request's file count (a 0, b the count).
+void Packet_CreateERR2(PacketBuffer& buffer, int a, int b);
 // INF, the file-transfer header: code 6, long a at 2, long b at 6. Writes
 // only its fields. Only kInfSize bytes are sent, so b travels as its low
 // 2 bytes.
