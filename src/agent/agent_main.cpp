@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "appdata/appdata.h"
 #include "components/collector.h"
 #include "components/dc_lockfile.h"
 #include "components/rta.h"
@@ -113,6 +114,7 @@ int agent_main(int argc, char** argv) {
   // Start, or the one-shot purge.
   if (kova_check_paths(s) != 1) return 0;
   (void)::chdir(s.install_root.c_str());
+  (void)appdata_read_formats(s.install_root);
   read_component_settings(s);
 
   int running_pid = -1;

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "appdata/appdata_request.h"
 #include "components/collector.h"
 #include "components/rta.h"
 #include "components/sorlex.h"
@@ -192,7 +193,13 @@ int extended_request(int fd, const std::string& address, const PacketBuffer& req
       if (result != 0) (void)socketsend_int_status(fd, result, "<MERG>", 1);
       return result;
     }
-    case ExtendedTag::kAppData: return not_served("<APPDATA>");
+    case ExtendedTag::kAppData: {
+      PacketBuffer buffer{};
+      const int result = process_appdata_request(fd, s, address, ext.payload.data(), ext.length, buffer);
+      // The status reply ends the exchange after the files, too.
+      (void)socketsend_int_status(fd, result, "<APPDATA>", 1);
+      return result;
+    }
     case ExtendedTag::kPerfNode: {
       PacketBuffer buffer{};
       const int result =

@@ -20,6 +20,8 @@ enum ResultCode : int {
   kResultPerfFileNotFound = 14,
   kResultMergFileNotFound = 15,
   kResultImageRunFailed = 16,
+  kResultAppDataNotRegistered = 17,  // the directory is not a registered application directory
+  kResultAppDataNotOpened = 18,      // a registered application directory cannot be opened
   kResultCompressionFailed = 19,
   kResultMemoryNode = 20,  // the answer to the "MEMORY_NODE" tag
 };
