@@ -268,6 +268,46 @@ Status Connection::read_verdict() {
   return {};
 }
 
+std::vector<unsigned char> appdata_payload(const AppDataQuery& query) {
+  std::vector<unsigned char> out(36, 0);
+  std::copy_n(query.day.begin(), std::min<size_t>(query.day.size(), 18), out.begin());
+  kova::put_short(out, 18, query.purge);
+  kova::put_short(out, 20, query.by_day ? 1 : 0);
+  kova::put_short(out, 22, query.suffix ? 1 : 0);
+  if (query.suffix) std::copy_n(query.suffix->begin(), std::min<size_t>(query.suffix->size(), 12), out.begin() + 24);
+  out.insert(out.end(), query.pattern_path.begin(), query.pattern_path.end());
+  return out;
+}
+
+Status fetch_appdata(Connection& connection, const AppDataQuery& query, const std::string& out_dir,
+                     std::vector<std::string>& names) {
+  names.clear();
+  if (Status st = connection.send_extended("<APPDATA>", appdata_payload(query)); !st.ok()) return st;
+  // The count is an ERR packet with result 0 and the number of files; a
+  // refusal is the status reply alone.
+  std::array<unsigned char, kErrSize> packet{};
+  if (Status st = connection.read_reply(packet, kPacketErr); !st.ok()) return st;
+  if (Packet_CheckOPCODE(packet, 2) != 0) return error_packet(packet);
+  const int count = static_cast<uint16_t>(Packet_CheckOPCODE(packet, 4));
+  if (count == 0) return {};  // a bare status 0: nothing was sent
+  for (int i = 0; i < count; ++i) {
+    // A failure mid-way (compression) puts the status reply where a name belongs.
+    if (Status st = connection.read_reply(packet, kPacketString); !st.ok()) return st;
+    std::string name(static_cast<uint16_t>(Packet_CheckOPCODE(packet, 2)), '\0');
+    if (Status st = connection.read_exact(std::span(reinterpret_cast<unsigned char*>(name.data()), name.size()));
+        !st.ok())
+      return st;
+    if (name.empty() || name == "." || name == ".." || name.find('/') != std::string::npos ||
+        name.find('\0') != std::string::npos)
+      return failure(Error::kBadReply, "bad file name from the agent");
+    TransferInfo info;
+    if (Status st = connection.receive_file_to_path(out_dir + "/" + name, info); !st.ok()) return st;
+    names.push_back(name);
+  }
+  if (Status st = connection.read_reply(packet, kPacketErr); !st.ok()) return st;
+  return Packet_CheckOPCODE(packet, 2) == 0 ? Status{} : error_packet(packet);
+}
+
 bool read_local_file(const std::string& path, std::vector<unsigned char>& out) {
   out.clear();
   UniqueFd in(::open(path.c_str(), O_RDONLY | O_CLOEXEC));

@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -123,6 +124,28 @@ class Connection {
   size_t record_limit_ = 0;
   std::vector<unsigned char> transcript_;
 };
+
+// What a "<APPDATA>" request asks for.
+struct AppDataQuery {
+  std::string day;                    // "DD-Mon-YYYY:HH:MM"
+  int purge = -1;                     // purge the pattern's files older than purge + 1 days; below 0: none
+  bool by_day = false;                // only names holding the day in one of the agent's date styles
+  std::optional<std::string> suffix;  // only names holding this (at most 12 bytes)
+  std::string pattern_path;           // a registered directory, "/", a name pattern ("*" ends it)
+};
+
+// The request's payload: day (18), purge, by_day and suffix flags (16 bits
+// each), suffix (12), then the pattern path.
+std::vector<unsigned char> appdata_payload(const AppDataQuery& query);
+
+// Sends "<APPDATA>" on a fresh connection and stores each file the agent
+// sends in `out_dir` under its sent name (a name with "/", or "." or "..",
+// is refused as kBadReply). `names` receives the names in the order they
+// came. Ends with the agent's status reply: 0 is success, anything else
+// kErrorPacket with its code (12 nothing matched, 17 not registered, 18
+// not opened, 19 compression failed, a transfer's code), also after files.
+[[nodiscard]] Status fetch_appdata(Connection& connection, const AppDataQuery& query, const std::string& out_dir,
+                                   std::vector<std::string>& names);
 
 // The failure an ERR packet stands for: kErrorPacket with its result code.
 Status error_packet(std::span<const unsigned char> bytes);

@@ -386,6 +386,45 @@ int run_raw(Session& s, const Args& a) {
   }
 }
 
+// appdata [-d DAY] [-x SUFFIX] [-P DAYS] PATTERN_PATH: the files of a
+// registered application directory whose names hold the pattern (and the
+// day in one of the agent's date styles, and the suffix), stored in the -o
+// directory (default the current one) under their sent names. -P purges
+// the pattern's files older than DAYS + 1 days afterwards.
+int run_appdata(Session& s, const Args& a) {
+  kova::client::AppDataQuery query;
+  query.day = today("00:00");
+  for (size_t i = 0; i < a.size(); ++i) {
+    const bool has_value = i + 1 < a.size();
+    long days = 0;
+    if (a[i] == "-d" && has_value) {
+      query.day = a[++i];
+      if (query.day.size() == 11) query.day += ":00:00";  // DD-Mon-YYYY
+      if (query.day.size() != 17) return bad_argument("DAY " + a[i] + " (DD-Mon-YYYY[:HH:MM])");
+      query.by_day = true;
+    } else if (a[i] == "-x" && has_value) {
+      query.suffix = a[++i];
+      if (query.suffix->empty() || query.suffix->size() > 12) return bad_argument("SUFFIX " + a[i] + " (1 to 12 bytes)");
+    } else if (a[i] == "-P" && has_value && parse_int(a[i + 1], -32768, 32767, days)) {
+      query.purge = static_cast<int>(days);
+      ++i;
+    } else if (a[i].starts_with('-') || !query.pattern_path.empty()) {
+      return bad_argument(a[i]);
+    } else {
+      query.pattern_path = a[i];
+    }
+  }
+  if (query.pattern_path.empty()) return bad_argument("PATTERN_PATH missing");
+  const std::string out_dir = s.options.out_path.empty() ? "." : s.options.out_path;
+  Status st = Connection::open(s.options.host, s.options.port, s.connection, s.options.timeout_ms);
+  std::vector<std::string> names;
+  if (st.ok()) st = kova::client::fetch_appdata(s.connection, query, out_dir, names);
+  for (const std::string& name : names) std::printf("%s/%s\n", out_dir.c_str(), name.c_str());
+  if (!st.ok()) return fail(st);
+  std::printf("%zu files written\n", names.size());
+  return 0;
+}
+
 // The small answers: a 32-byte text field after the acknowledgement.
 int text_answer(Session& s, const char* tag, std::string_view payload, const char* what) {
   std::array<unsigned char, 32> field{};
@@ -482,6 +521,8 @@ constexpr Command kCommands[] = {
     {"raw", "NAME [MODE]", 1, 2, "the collector's raw data files matching NAME (opcode 8, mode 1: 13; -o: a directory)",
      run_raw},
     {"merge", "[START END]", 0, 2, "the merged report of a time range, default today (<MERG>)", run_merge},
+    {"appdata", "[-d DAY] [-x SUFFIX] [-P DAYS] PATTERN_PATH", 1, 7,
+     "files of a registered application directory into -o, default . (<APPDATA>)", run_appdata},
     {"config", "", 0, 0, "the system configuration report (opcode 15)", run_config},
     {"agentversion", "", 0, 0, "the agent's version text (GET_AGENT_VERSION)", run_agentversion},
     {"release", "", 0, 0, "the agent's release text (GET_AGENT_RELEASE)", run_release},
