@@ -2,7 +2,9 @@
 # Lays out a demo install tree in DIR from a build directory:
 #   bin (the stand-in collector, real-time agent, search agent, extraction
 #   and analysis tools, and the agent itself when it has been built), data,
-#   logs, tmp, tmp/update, outgoing, settings, update, mwa.
+#   logs, tmp, tmp/update, outgoing, settings, update, mwa, and appdata: an
+#   application directory (to register with -appdir) holding logs of the
+#   last three days, dated in the styles that settings/date_formats.txt lists.
 # Usage: demo/make-install-tree.sh DIR [BUILD_DIR]   (BUILD_DIR: ./build)
 set -eu
 
@@ -21,12 +23,20 @@ for program in vorn_monitor kovarta sorlexagent kovaperf vorn_analyze; do
   fi
 done
 
-for dir in bin data logs tmp tmp/update outgoing settings update mwa; do
+for dir in bin data logs tmp tmp/update outgoing settings update mwa appdata; do
   mkdir -p "$root/$dir"
 done
 # Copies, not links: each tree's programs are found by their own path.
 for program in vorn_monitor kovarta sorlexagent kovaperf vorn_analyze; do
   cp "$standins/$program" "$root/bin/$program"
+done
+printf 'YYYYMMDD\nDD-Mmm-YYYY\n' >"$root/settings/date_formats.txt"
+for ago in 0 1 2; do
+  day=$(LC_ALL=C date -d "-$ago day" +%Y%m%d)
+  dmy=$(LC_ALL=C date -d "-$ago day" +%d-%b-%Y)
+  printf '%s webapp started\n%s webapp request served\n' "$day" "$day" >"$root/appdata/webapp_$day.log"
+  printf '%s webapp trace\n' "$day" >"$root/appdata/webapp_$day.trc"
+  printf '%s nightly batch done\n' "$dmy" >"$root/appdata/batch_$dmy.log"
 done
 if [ -x "$build/src/kovaagent" ]; then
   cp "$build/src/kovaagent" "$root/bin/kovaagent"

@@ -2,7 +2,8 @@
 # Builds the agent, lays out demo-tree/ with the stand-in collector and
 # companions, starts the agent on it and asks it what the central server
 # would: versions, the configuration report, a collector start and status,
-# and today's performance data. The agent keeps running afterwards.
+# today's logs of an application from its registered directory, and today's
+# performance data. The agent keeps running afterwards.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/deps.sh
@@ -28,7 +29,7 @@ get() { echo "\$ kovaget $*" | sed "s|$tree|demo-tree|g"; "$build/client/kovaget
 echo "== starting the agent on port $port"
 # The daemon keeps the standard output it was started with; a file, not
 # this terminal's pipe, so that the demo's output can be piped too.
-"$tree/bin/kovaagent" -rootdir "$tree" -port "$port" >"$tree/logs/agent.out" 2>&1
+"$tree/bin/kovaagent" -rootdir "$tree" -port "$port" -appdir "$tree/appdata" >"$tree/logs/agent.out" 2>&1
 for _ in $(seq 50); do grep -q started "$tree/logs/agent.out" && break; sleep 0.1; done
 cat "$tree/logs/agent.out"
 echo
@@ -41,6 +42,9 @@ echo "   ... (the whole report: kovaget -p $port config)"
 echo
 get dcstart 60 0
 get status
+echo "== today's .log files of webapp from the registered application directory"
+rm -rf "$tree/fetched" && mkdir -p "$tree/fetched"
+get -o "$tree/fetched" appdata -d "$(LC_ALL=C date +%d-%b-%Y)" -x .log "$tree/appdata/webapp*"
 echo "== today's performance data (the agent waits ten seconds first, as the server expects)"
 get perf
 echo "== the agent's log: $tree/logs"
