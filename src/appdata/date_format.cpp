@@ -115,7 +115,7 @@ int date_GetDateTime_KOVA_FORMAT(std::string_view text) {
     // A month name not in the table is numbered 13, not refused: the other
     // styles of the day still render.
     const int number = static_cast<int>(found - std::begin(kMonths)) + 1;
-    d.month_number = (number < 10 ? "0" : "") + std::to_string(number);
+    d.month_number = {static_cast<char>('0' + number / 10), static_cast<char>('0' + number % 10)};
   }
   return 1;
 }
