@@ -421,7 +421,7 @@ int run_appdata(Session& s, const Args& a) {
   if (st.ok()) st = kova::client::fetch_appdata(s.connection, query, out_dir, names);
   for (const std::string& name : names) std::printf("%s/%s\n", out_dir.c_str(), name.c_str());
   if (!st.ok()) return fail(st);
-  std::printf("%zu files written\n", names.size());
+  std::printf("%zu file%s written\n", names.size(), names.size() == 1 ? "" : "s");
   return 0;
 }
 
