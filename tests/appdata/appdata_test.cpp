@@ -11,7 +11,6 @@
 #include "appdata/appdata_request.h"
 #include "base/codes.h"
 #include "support/agent_process.h"
-#include "support/fixed_clock.h"
 #include "wire/wire_fixture.h"
 
 namespace kova::test {
@@ -101,24 +100,6 @@ TEST_F(AppDataFiles, SelectionByPatternDayAndSuffixNewestFindFirst) {
                                0, 0), 18);
   EXPECT_EQ(logged("E-APPDATA_INVALID_PATH", "Application data path not registered with the KOVAAgent"), 3);
   EXPECT_EQ(logged("E-OPENDIR", "Not able to open " + apps_ / "gone, No such file or directory"), 1);
-}
-
-TEST_F(AppDataFiles, PurgeKeepsOneDayMoreAndOnlyThePatternsFiles) {
-  FixedClock clock(local_time(2012, 2, 10));
-  const std::time_t now = clock_now();
-  const std::pair<const char*, std::time_t> files[] = {
-      {"trace_1.log", now - 3 * 86400}, {"trace_2.log", now - 3600}, {"audit_1.log", now - 3 * 86400},
-      {"trace_3.txt", now - 3 * 86400}};
-  for (const auto& [name, mtime] : files) {
-    write_file(apps_ / ("logs/" + std::string(name)), "x");
-    set_mtime(apps_ / ("logs/" + std::string(name)), mtime);
-  }
-  EXPECT_EQ(appdata_purge_files(apps_ / "logs/trace*", ".log", -1, 0), 0);
-  EXPECT_TRUE(file_exists(apps_ / "logs/trace_1.log"));
-  EXPECT_EQ(appdata_purge_files(apps_ / "logs/trace*", ".log", 0, 0), 1);
-  EXPECT_FALSE(file_exists(apps_ / "logs/trace_1.log"));
-  for (const char* kept : {"trace_2.log", "audit_1.log", "trace_3.txt"})
-    EXPECT_TRUE(file_exists(apps_ / ("logs/" + std::string(kept)))) << kept;
 }
 
 // The handler over a socket pair: what reaches the server, and what a
