@@ -15,7 +15,9 @@ namespace {
 
 constexpr const char* kFacility = "KOVAAGENT";
 
-std::string vformat(const char* format, va_list args) {
+}  // namespace
+
+std::string string_vprintf(const char* format, va_list args) {
   va_list copy;
   va_copy(copy, args);
   char small[512];
@@ -28,8 +30,6 @@ std::string vformat(const char* format, va_list args) {
   return out;
 }
 
-}  // namespace
-
 LogState& log_state() {
   static LogState state;
   return state;
@@ -38,7 +38,7 @@ LogState& log_state() {
 std::string string_printf(const char* format, ...) {
   va_list args;
   va_start(args, format);
-  std::string out = vformat(format, args);
+  std::string out = string_vprintf(format, args);
   va_end(args);
   return out;
 }
@@ -81,7 +81,7 @@ int write_to_log(std::string_view tag, std::string_view message, bool stamped) {
 int log_printf(const char* tag, const char* format, ...) {
   va_list args;
   va_start(args, format);
-  std::string message = vformat(format, args);
+  std::string message = string_vprintf(format, args);
   va_end(args);
   return write_to_log(tag, message, true);
 }

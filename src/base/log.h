@@ -2,6 +2,7 @@
 // a time by the listening process and every request child alike.
 #pragma once
 
+#include <cstdarg>
 #include <string>
 #include <string_view>
 
@@ -36,5 +37,6 @@ std::string gettimestamp();
 
 // printf into a std::string.
 std::string string_printf(const char* format, ...) __attribute__((format(printf, 1, 2)));
+std::string string_vprintf(const char* format, va_list args) __attribute__((format(printf, 1, 0)));
 
 }  // namespace kova

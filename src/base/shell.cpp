@@ -1,5 +1,7 @@
 #include "base/shell.h"
 
+#include <algorithm>
+
 namespace kova {
 
 std::string shell_quote(std::string_view value) {
@@ -14,6 +16,15 @@ std::string shell_quote(std::string_view value) {
   }
   out += '\'';
   return out;
+}
+
+std::string shell_word(std::string_view value) {
+  const auto literal = [](char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+           std::string_view("/._-+,:@%=").find(c) != std::string_view::npos;
+  };
+  if (!value.empty() && std::all_of(value.begin(), value.end(), literal)) return std::string(value);
+  return shell_quote(value);
 }
 
 }  // namespace kova

@@ -11,4 +11,9 @@ namespace kova {
 // file name, a settings file) goes through this before it reaches a shell.
 std::string shell_quote(std::string_view value);
 
+// `value` unchanged when a shell reads it literally as one word (letters,
+// digits and / . _ - + , : @ % =, not empty), else shell_quote(value): for
+// lines whose ordinary form is fixed, such as a generated script.
+std::string shell_word(std::string_view value);
+
 }  // namespace kova

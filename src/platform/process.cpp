@@ -1,12 +1,15 @@
 #include "platform/process.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
+#include <string_view>
 
 #include "platform/unique.h"
 
@@ -82,9 +85,38 @@ int run_shell_command(const std::string& command_line) {
   return child.wait();
 }
 
+std::string find_program(const std::string& name) {
+  if (name.empty() || name.find('/') != std::string::npos) return name;
+  std::string path;
+  if (const char* env = std::getenv("PATH"); env != nullptr) {
+    path = env;
+  } else {
+    std::vector<char> standard(::confstr(_CS_PATH, nullptr, 0) + 1, '\0');
+    (void)::confstr(_CS_PATH, standard.data(), standard.size());
+    path = standard.data();
+  }
+  for (size_t start = 0;;) {
+    const size_t end = path.find(':', start);
+    const std::string_view dir =
+        std::string_view(path).substr(start, end == std::string::npos ? std::string::npos : end - start);
+    const std::string candidate = std::string(dir.empty() ? "." : dir) + "/" + name;
+    struct stat st;
+    if (::stat(candidate.c_str(), &st) == 0 && S_ISREG(st.st_mode) && ::access(candidate.c_str(), X_OK) == 0)
+      return candidate;
+    if (end == std::string::npos) return name;
+    start = end + 1;
+  }
+}
+
 int run_program(const std::vector<std::string>& argv, std::string& output) {
+  return run_program_in(std::string(), argv, output);
+}
+
+int run_program_in(const std::string& directory, const std::vector<std::string>& argv, std::string& output) {
   output.clear();
   if (argv.empty()) return 0;
+  // Everything the child needs is ready before fork: it may not allocate.
+  const std::string program = find_program(argv[0]);
   std::vector<char*> args;
   for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
   args.push_back(nullptr);
@@ -107,7 +139,7 @@ int run_program(const std::vector<std::string>& argv, std::string& output) {
         ::dup3(exec_write.get(), 3, O_CLOEXEC) < 0)
       ::_exit(127);
     reset_child(4, fd_limit);
-    ::execv(args[0], args.data());
+    if (directory.empty() || ::chdir(directory.c_str()) == 0) ::execv(program.c_str(), args.data());
     const int err = errno;
     (void)!::write(3, &err, sizeof err);
     ::_exit(127);

@@ -46,9 +46,20 @@ inline constexpr size_t kCommandOutputMax = 1024;
 // Runs argv[0] with the arguments that follow, without a shell: standard
 // input from /dev/null, standard output captured (up to kCommandOutputMax
 // bytes into `output`, the rest read and dropped), standard error
-// inherited. Waits for the program to end. Returns 1 when it was started
-// (its exit status is not examined), 0 when fork or exec failed.
+// inherited. An argv[0] without a "/" is looked up in PATH, as a shell
+// would. Waits for the program to end. Returns 1 when it was started (its
+// exit status is not examined), 0 with errno set when fork or exec failed.
 [[nodiscard]] int run_program(const std::vector<std::string>& argv, std::string& output);
+
+// As run_program, with the program started in `directory` (the caller's
+// working directory stays as it is); 0 also when it cannot be entered.
+[[nodiscard]] int run_program_in(const std::string& directory, const std::vector<std::string>& argv,
+                                 std::string& output);
+
+// The file a program name runs: `name` itself when it holds a "/", else the
+// first executable "<dir>/<name>" of PATH (the system's default search path
+// when PATH is unset); `name` when none is found.
+std::string find_program(const std::string& name);
 
 // argv joined by blanks, as the command line reads in the log. No shell
 // ever sees it: the program is started from the argument vector itself.
