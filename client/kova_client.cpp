@@ -13,6 +13,7 @@
 #include <cstring>
 
 #include "base/codes.h"
+#include "update/checksum.h"
 
 namespace kova::client {
 namespace {
@@ -306,6 +307,50 @@ Status fetch_appdata(Connection& connection, const AppDataQuery& query, const st
   }
   if (Status st = connection.read_reply(packet, kPacketErr); !st.ok()) return st;
   return Packet_CheckOPCODE(packet, 2) == 0 ? Status{} : error_packet(packet);
+}
+
+std::string update_request_line(const std::string& name, uint64_t size, const std::string& checksum,
+                                const std::string& directory) {
+  return "<UPDATE_DATA> " + name + " " + std::to_string(size) + " " + checksum + " " + directory;
+}
+
+Status Connection::push_update(std::string_view request_line, std::span<const unsigned char> bytes,
+                               UpdateReplies& replies) {
+  replies = {};
+  Status st = send_extended("<UPDATE_DATA>", {reinterpret_cast<const unsigned char*>(request_line.data()),
+                                              request_line.size()});
+  std::array<unsigned char, kStatusSize> status{};
+  if (st.ok()) st = read_reply(status, -1);
+  if (!st.ok()) return st;
+  if (Packet_CheckOPCODE(status) != kResultOk)
+    return failure(Error::kBadReply, "agent answered the update with status " +
+                                         std::to_string(Packet_CheckOPCODE(status)));
+  const auto text_reply = [&](size_t n, std::string& out) {
+    std::string text(n, '\0');
+    Status got = read_exact({reinterpret_cast<unsigned char*>(text.data()), n});
+    out += text;
+    return got;
+  };
+  // "OK\r\n", or "FAIL\r\n" in its place: the first four bytes tell which.
+  if (st = text_reply(4, replies.ack); st.ok() && replies.ack == "FAIL") st = text_reply(2, replies.ack);
+  if (!st.ok()) return st;
+  if (replies.ack == "FAIL\r\n") return {};
+  if (replies.ack != "OK\r\n") return failure(Error::kBadReply, "unexpected acknowledgement of the update");
+  if (st = send_bytes(bytes); st.ok()) st = text_reply(6, replies.verdict);
+  if (!st.ok()) return st;
+  if (replies.verdict != "PASS\r\n" && replies.verdict != "FAIL\r\n")
+    return failure(Error::kBadReply, "unexpected verdict on the update");
+  return {};
+}
+
+Status Connection::push_update_file(const std::string& path, const std::string& directory,
+                                    UpdateReplies& replies) {
+  std::vector<unsigned char> bytes;
+  std::string checksum;
+  if (!read_local_file(path, bytes) || Rijndael_Checksum_Text(path, checksum) != 1)
+    return failure(Error::kLocalFile, "cannot read " + path);
+  const std::string name = path.substr(path.find_last_of('/') + 1);
+  return push_update(update_request_line(name, bytes.size(), checksum, directory), bytes, replies);
 }
 
 bool read_local_file(const std::string& path, std::vector<unsigned char>& out) {

@@ -62,6 +62,19 @@ struct TransferInfo {
   int64_t size() const { return static_cast<int64_t>(blocks) * kPacketSize + last; }
 };
 
+// The agent's plain-text answers to an update: `ack` is "OK\r\n", or
+// "FAIL\r\n" in its place when the agent refused the request; `verdict` is
+// "PASS\r\n" or "FAIL\r\n" for the file's checksum (empty after a refusal).
+struct UpdateReplies {
+  std::string ack;
+  std::string verdict;
+  bool passed() const { return verdict == "PASS\r\n"; }
+};
+
+// "<UPDATE_DATA> NAME SIZE CHECKSUM DIRECTORY", the update request's text.
+std::string update_request_line(const std::string& name, uint64_t size, const std::string& checksum,
+                                const std::string& directory);
+
 // One connection to the agent (one request per connection).
 class Connection {
  public:
@@ -114,6 +127,17 @@ class Connection {
   // acknowledgement, pushes the file and reads the agent's verdict (nothing,
   // or an ERR packet) until it closes.
   [[nodiscard]] Status push_memory_file(std::span<const unsigned char> bytes);
+
+  // The update exchange: the "<UPDATE_DATA>" request carrying
+  // `request_line`, the agent's status 0 and acknowledgement, then, after
+  // an OK, the file's bytes and the agent's verdict. A refusal or a failed
+  // checksum is no failure of the exchange: `replies` tells.
+  [[nodiscard]] Status push_update(std::string_view request_line, std::span<const unsigned char> bytes,
+                                   UpdateReplies& replies);
+  // The local file at `path` as an update for `directory`: its name, size
+  // and checksum (computed as the agent computes it) in the request line.
+  [[nodiscard]] Status push_update_file(const std::string& path, const std::string& directory,
+                                        UpdateReplies& replies);
 
  private:
   [[nodiscard]] Status wait_readable();

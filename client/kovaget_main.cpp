@@ -16,6 +16,7 @@
 #include "kova_client.h"
 #include "replies.h"
 #include "base/codes.h"
+#include "update/checksum.h"
 
 namespace {
 
@@ -495,6 +496,29 @@ int node_control(Session& s, const char* tag, const Args& a) {
 int run_dcstopnode(Session& s, const Args& a) { return node_control(s, "DCSTOP_NODE", a); }
 int run_dcstartnode(Session& s, const Args& a) { return node_control(s, "DCSTART_NODE", a); }
 
+// update FILE DIRECTORY: FILE as an update archive for DIRECTORY on the
+// agent's host; prints the agent's answers. Exit 0 on PASS.
+int run_update(Session& s, const Args& a) {
+  kova::client::UpdateReplies replies;
+  Status st = Connection::open(s.options.host, s.options.port, s.connection, s.options.timeout_ms);
+  if (st.ok()) st = s.connection.push_update_file(a[0], a[1], replies);
+  if (!st.ok()) return fail(st);
+  for (const std::string& reply : {replies.ack, replies.verdict})
+    if (!reply.empty()) std::printf("%s\n", reply.substr(0, reply.size() - 2).c_str());
+  return replies.passed() ? 0 : 1;
+}
+
+// checksum FILE: the update checksum of FILE, as the agent computes it.
+int run_checksum(Session&, const Args& a) {
+  std::string text;
+  if (kova::Rijndael_Checksum_Text(a[0], text) != 1) {
+    std::fprintf(stderr, "kovaget: cannot read %s\n", a[0].c_str());
+    return 1;
+  }
+  std::printf("%s\n", text.c_str());
+  return 0;
+}
+
 struct Command {
   const char* name;
   const char* args;
@@ -538,6 +562,8 @@ constexpr Command kCommands[] = {
     {"memorynode", "", 0, 0, "the memory-node request (MEMORY_NODE)", run_memorynode},
     {"opcode", "N", 1, 1, "send a bare request with opcode N; print the reply raw (-o: store a file)", run_opcode},
     {"ext", "TAG [PAYLOAD]", 1, 2, "send an extended request (opcode 254)", run_ext},
+    {"update", "FILE DIRECTORY", 2, 2, "send FILE as an update to unpack in DIRECTORY (<UPDATE_DATA>)", run_update},
+    {"checksum", "FILE", 1, 1, "print the update checksum of FILE (no request)", run_checksum},
 };
 
 void usage(std::FILE* to) {

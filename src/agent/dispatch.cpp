@@ -13,6 +13,7 @@
 #include "delivery/merge_request.h"
 #include "delivery/perf_request.h"
 #include "delivery/queries.h"
+#include "update/update_request.h"
 #include "wire/packet.h"
 #include "wire/request.h"
 #include "wire/socket_io.h"
@@ -229,7 +230,14 @@ int extended_request(int fd, const std::string& address, const PacketBuffer& req
     case ExtendedTag::kDiskSpace:
       (void)socketsend_char_status(fd, 0);
       return process_getdiskspace_request(fd, s, address, ext.payload.data(), ext.length);
-    case ExtendedTag::kUpdateData: return not_served("<UPDATE_DATA>");
+    case ExtendedTag::kUpdateData: {
+      (void)socketsend_char_status(fd, 0);
+      // The request line is the payload's text; its result is not used.
+      const auto* text = reinterpret_cast<const char*>(ext.payload.data());
+      const std::string line(text, ::strnlen(text, static_cast<size_t>(ext.length)));
+      (void)process_update_request(fd, s, address, line);
+      return kDispatchDone;
+    }
     case ExtendedTag::kDcStatNode: return not_served("DCSTAT_NODE");
     case ExtendedTag::kDcStopNode: return not_served("DCSTOP_NODE");
     case ExtendedTag::kDcStartNode: return not_served("DCSTART_NODE");
