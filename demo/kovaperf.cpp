@@ -7,8 +7,10 @@
 #include <cstdio>
 
 #include "datafile.h"
+#include "descriptors.h"
 
 int main(int argc, char** argv) {
+  standin::record_descriptors("kovaperf");
   datafile::Options o = datafile::parse_options(argc, argv);
   const std::string begin = datafile::sortable(o.begin), end = datafile::sortable(o.end);
   if (o.bad || o.zud.empty() || o.perf.empty() || begin.empty() || end.empty()) {

@@ -10,6 +10,7 @@
 #include "components/rta.h"
 #include "base/version.h"
 #include "standin.h"
+#include "descriptors.h"
 
 namespace {
 
@@ -46,6 +47,7 @@ int running_pid(const kova::RtaSettings& rta) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  standin::record_descriptors(kName);
   standin::Options opts = standin::parse_options(argc, argv);
   if (opts.bad) {
     std::fprintf(stderr, "usage: %s [-user U] [-rootdir DIR] [-stop]\n", kName);

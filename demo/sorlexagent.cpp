@@ -12,6 +12,7 @@
 
 #include "platform/findproc.h"
 #include "standin.h"
+#include "descriptors.h"
 
 namespace {
 
@@ -38,6 +39,7 @@ int pid_from(const std::string& pid_file) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  standin::record_descriptors(kName);
   standin::Options opts = standin::parse_options(argc, argv);
   if (opts.bad || !opts.user.empty() || !opts.rootdir.empty()) {
     std::fprintf(stderr, "usage: %s [-stop]\n", kName);

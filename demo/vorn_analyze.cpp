@@ -8,6 +8,7 @@
 #include <cstdio>
 
 #include "datafile.h"
+#include "descriptors.h"
 
 namespace {
 
@@ -36,6 +37,7 @@ void write_hours(std::FILE* out, const std::vector<datafile::Sample>& samples) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  standin::record_descriptors("vorn_analyze");
   datafile::Options o = datafile::parse_options(argc, argv);
   const std::string begin = datafile::sortable(o.begin), end = datafile::sortable(o.end);
   if (o.bad || o.zud.empty() || o.merg.empty() || o.report.empty() || begin.empty() || end.empty()) {

@@ -18,6 +18,7 @@
 #include "platform/findproc.h"
 #include "base/version.h"
 #include "standin.h"
+#include "descriptors.h"
 
 namespace {
 
@@ -106,6 +107,7 @@ int stop_running(const kova::DcSettings& dc) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  standin::record_descriptors(kName);
   standin::Options opts = standin::parse_options(argc, argv);
   if (opts.bad) {
     std::fprintf(stderr, "usage: %s [-user U] [-rootdir DIR] [-silent] [-stop]\n", kName);

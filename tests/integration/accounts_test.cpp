@@ -30,9 +30,11 @@ std::string status_field(pid_t pid, const std::string& key) {
   return {};
 }
 
-class Accounts : public testing::Test {
+class Accounts : public AgentTest {
  protected:
   void SetUp() override {
+    AgentTest::SetUp();
+    if (IsSkipped()) return;
     if (::geteuid() != 0) GTEST_SKIP() << "needs root";
     if (::getpwnam(kServiceAccount) == nullptr &&
         std::system("useradd --system --no-create-home --shell /usr/sbin/nologin kovasvc >/dev/null 2>&1") != 0)
@@ -64,8 +66,8 @@ TEST_F(Accounts, OnlyRootOrTheServiceAccountMayStartOrStopItAndItKeepsOnlyItsCap
   RunningAgent agent(tree_, free_port(), {"-user", kServiceAccount});
   ASSERT_TRUE(agent.started()) << agent.launch().err;
   std::string uid = std::to_string(uid_);
-  EXPECT_EQ(status_field(agent.pid(), "Uid"), uid + "\t" + uid + "\t" + uid + "\t" + uid);
-  const auto caps = [&](const char* set) { return std::stoull(status_field(agent.pid(), set), nullptr, 16); };
+  EXPECT_EQ(status_field(agent.host_pid(), "Uid"), uid + "\t" + uid + "\t" + uid + "\t" + uid);
+  const auto caps = [&](const char* set) { return std::stoull(status_field(agent.host_pid(), set), nullptr, 16); };
   for (const char* set : {"CapInh", "CapBnd", "CapAmb"}) EXPECT_EQ(caps(set) & ~kKept, 0u) << set;
   // Between requests only file_dac_write (DAC_OVERRIDE, FOWNER) of the kept set is in effect.
   EXPECT_EQ(std::tuple(caps("CapPrm"), caps("CapEff")), std::tuple(kKept, (1ull << 1) | (1ull << 3)));

@@ -14,6 +14,8 @@
 namespace kova::test {
 namespace {
 
+using Components = AgentTest;
+
 void install(const InstallTree& tree, const char* program) {
   std::filesystem::copy_file(std::string(KOVA_DEMO_BIN_DIR) + "/" + program, tree / (std::string("bin/") + program),
                              std::filesystem::copy_options::overwrite_existing);
@@ -23,16 +25,17 @@ std::string collector_settings(const InstallTree& tree) {
   return read_file(tree / ("settings/vorn_" + tree.hostname() + ".config"));
 }
 
-TEST(Components, CollectorStartsReportsAndStopsOnRequestAndKeepsAHandWrittenRate) {
+TEST_F(Components, CollectorStartsReportsAndStopsOnRequestAndKeepsAHandWrittenRate) {
   InstallTree tree;
   install(tree, "vorn_monitor");
-  RunningAgent agent(tree, free_port());
+  RunningAgent agent(tree, free_port(), {}, {"KOVA_STANDIN_FDS=" + tree.root()});
   ASSERT_TRUE(agent.started()) << agent.launch().err;
   int port = agent.port();
   std::string lock = tree / ("tmp/" + tree.hostname() + "_monitor.lock");
 
   EXPECT_EQ(hex(round_trip(port, request_packet(3, le16(300) + le16(0)))), "08000300");
   EXPECT_TRUE(file_exists(lock));
+  EXPECT_EQ(read_file(tree / "vorn_monitor.fds"), "0 1 2");  // nothing of the agent's, nor what it inherited
   EXPECT_NE(collector_settings(tree).find("WRITE_RATE~300\n"), std::string::npos) << collector_settings(tree);
   EXPECT_TRUE(eventually([&] {
     for (const auto& e : std::filesystem::directory_iterator(tree / "data"))
@@ -67,9 +70,9 @@ TEST(Components, CollectorStartsReportsAndStopsOnRequestAndKeepsAHandWrittenRate
   EXPECT_NE(log.find("I-SETERR"), std::string::npos);
 }
 
-TEST(Components, RealTimeAndSearchAgentsStartStopAndReport) {
+TEST_F(Components, RealTimeAndSearchAgentsStartStopAndReport) {
   InstallTree tree;
-  RunningAgent agent(tree, free_port(), {}, {"SORLEX_LIBRARY=" + tree.root()});
+  RunningAgent agent(tree, free_port(), {}, {"SORLEX_LIBRARY=" + tree.root(), "KOVA_STANDIN_FDS=" + tree.root()});
   ASSERT_TRUE(agent.started());
   int port = agent.port();
   // Not installed: every operation answers 5.
@@ -86,6 +89,8 @@ TEST(Components, RealTimeAndSearchAgentsStartStopAndReport) {
   EXPECT_EQ(hex(round_trip(port, request_packet(20))), "08000300");
   EXPECT_EQ(hex(round_trip(port, request_packet(19))), "08000400");
   EXPECT_EQ(hex(round_trip(port, request_packet(20))), "08000400");
+  for (const char* program : {"kovarta", "sorlexagent"})
+    EXPECT_EQ(read_file(tree / (std::string(program) + ".fds")), "0 1 2") << program;
   std::string log = tree.log();
   EXPECT_NE(log.find("I-RTA_START,   Start KOVArta, Process: 1  Port: 8000   ScanRate: 1000\n"), std::string::npos)
       << log;

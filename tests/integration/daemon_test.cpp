@@ -16,9 +16,12 @@
 namespace kova::test {
 namespace {
 
+using CommandLine = AgentTest;
+using Daemon = AgentTest;
+
 const std::string kBanner = "KOVAagent Copyright (c) KOVA Systems. All rights reserved.\nBuild: V10.0-001 (Feb 23 2012)\n";
 
-TEST(CommandLine, OneShotModesPrintAndExitAsAdminsExpect) {
+TEST_F(CommandLine, OneShotModesPrintAndExitAsAdminsExpect) {
   InstallTree tree;
   RunResult usage = run_agent({"-sta"});
   EXPECT_EQ(usage.status, 0);
@@ -46,7 +49,7 @@ TEST(CommandLine, OneShotModesPrintAndExitAsAdminsExpect) {
   EXPECT_NE(config.find("KOVAAGENT_PORT~1661\n"), std::string::npos);
 }
 
-TEST(CommandLine, PurgeDeletesThisHostsOldDataFilesAndExitsOne) {
+TEST_F(CommandLine, PurgeDeletesThisHostsOldDataFilesAndExitsOne) {
   // Which files the cut-off and the host prefix select is covered with a fixed clock.
   InstallTree tree;
   const std::string own = tree / ("data/qdtsx_" + tree.hostname() + "_2012Feb01.zud"),
@@ -73,7 +76,7 @@ int zombie_children(pid_t pid) {
 }
 
 // SIGTERM ending the agent with status 0 is covered with the registered servers.
-TEST(Daemon, RunsOnceOverAStaleLockReportsStatusAndStopsOnRequest) {
+TEST_F(Daemon, RunsOnceOverAStaleLockReportsStatusAndStopsOnRequest) {
   InstallTree tree;
   write_file(tree.lock_path(), "PID~999999\nUSER~root\n");
   int port = free_port();
@@ -81,7 +84,7 @@ TEST(Daemon, RunsOnceOverAStaleLockReportsStatusAndStopsOnRequest) {
   ASSERT_TRUE(agent.started()) << agent.launch().err;
   EXPECT_EQ(agent.launch().out, kBanner + "kovaagent started.\n");
   EXPECT_NE(tree.log().find("KOVAAGENT-I-STARTED,     Agent started\n"), std::string::npos);
-  EXPECT_NE(::getsid(agent.pid()), ::getsid(0));  // detached from the starter's terminal session
+  EXPECT_NE(::getsid(agent.host_pid()), ::getsid(0));  // detached from the starter's terminal session
 
   RunResult status = run_agent({"-rootdir", tree.root(), "-status"});
   EXPECT_EQ(status.status, 0);
@@ -96,10 +99,10 @@ TEST(Daemon, RunsOnceOverAStaleLockReportsStatusAndStopsOnRequest) {
   EXPECT_EQ(second.err, "\nkovaagent already running: pid (" + std::to_string(agent.pid()) + ")\n");
 
   for (int i = 0; i < 20; ++i) EXPECT_EQ(hex(round_trip(port, request_packet(14))), std::string("0a00060000000000"));
-  EXPECT_TRUE(eventually([&] { return zombie_children(agent.pid()) == 0; }));
+  EXPECT_TRUE(eventually([&] { return zombie_children(agent.host_pid()) == 0; }));
 
   EXPECT_TRUE(agent.alive());
-  ::kill(agent.pid(), SIGHUP);  // a daemon ignores its terminal hanging up
+  EXPECT_TRUE(agent.signal(SIGHUP));  // a daemon ignores its terminal hanging up
   std::this_thread::sleep_for(std::chrono::milliseconds(200));
   EXPECT_TRUE(agent.alive());
 
@@ -116,7 +119,7 @@ TEST(Daemon, RunsOnceOverAStaleLockReportsStatusAndStopsOnRequest) {
   EXPECT_FALSE(file_exists(tree.lock_path()));
 }
 
-TEST(Daemon, WithoutALockFileStatusAndStopFindTheAgentByName) {
+TEST_F(Daemon, WithoutALockFileStatusAndStopFindTheAgentByName) {
   InstallTree tree;
   RunningAgent agent(tree, free_port(), {"-nofork", "-nolock"});
   ASSERT_TRUE(agent.started()) << agent.launch().err;
@@ -133,7 +136,7 @@ TEST(Daemon, WithoutALockFileStatusAndStopFindTheAgentByName) {
   EXPECT_EQ(agent.stop(0), 0);  // SIGINT from -stop ended it with status 0
 }
 
-TEST(Daemon, APortAlreadyHeldIsReportedAndTheAgentExitsZero) {
+TEST_F(Daemon, APortAlreadyHeldIsReportedAndTheAgentExitsZero) {
   InstallTree tree;
   // Held on every address, as another daemon would hold it.
   int holder = ::socket(AF_INET, SOCK_STREAM, 0);

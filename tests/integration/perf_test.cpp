@@ -13,6 +13,8 @@
 namespace kova::test {
 namespace {
 
+using PerfRequest = AgentTest;
+
 std::string local_text(const char* format, std::time_t when) {
   std::tm t{};
   localtime_r(&when, &t);
@@ -21,7 +23,7 @@ std::string local_text(const char* format, std::time_t when) {
   return text;
 }
 
-TEST(PerfRequest, TodaysRangeComesBackBehindItsHeaderTheWorkFileGoesAndOldDataIsPurged) {
+TEST_F(PerfRequest, TodaysRangeComesBackBehindItsHeaderTheWorkFileGoesAndOldDataIsPurged) {
   InstallTree tree;
   std::error_code ec;
   std::filesystem::copy_file(std::string(KOVA_DEMO_BIN_DIR) + "/kovaperf", tree / "bin/kovaperf", ec);
@@ -43,7 +45,8 @@ TEST(PerfRequest, TodaysRangeComesBackBehindItsHeaderTheWorkFileGoesAndOldDataIs
     set_mtime(old, now - 400 * 86400);
   }
 
-  RunningAgent agent(tree, free_port());
+  // The stand-in records the descriptors it was started with.
+  RunningAgent agent(tree, free_port(), {}, {"KOVA_STANDIN_FDS=" + tree.root()});
   ASSERT_TRUE(agent.started()) << agent.launch().err;
   const auto perf = [&](const std::string& day) {
     const std::string purge_age = le16(5);
@@ -64,6 +67,7 @@ TEST(PerfRequest, TodaysRangeComesBackBehindItsHeaderTheWorkFileGoesAndOldDataIs
             std::string::npos) << log;
   EXPECT_NE(log.find("E-PERF,        Problem sending .PERF :  zud data file not found.\n"), std::string::npos) << log;
   EXPECT_EQ(log.find("I-PERF_COMMAND"), log.rfind("I-PERF_COMMAND")) << log;  // the tool ran once
+  EXPECT_EQ(read_file(tree / "kovaperf.fds"), "0 1 2");  // nothing of the agent's, nor what it inherited
   for (const auto& entry : std::filesystem::directory_iterator(tree / "tmp"))
     EXPECT_NE(entry.path().extension(), ".perf") << entry.path();
   // Fetched by the controlling server: this host's files older than the purge age go.

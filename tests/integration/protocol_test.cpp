@@ -16,7 +16,9 @@
 namespace kova::test {
 namespace {
 
-TEST(Protocol, RepliesAreByteExactAndHostileInputNeverEndsTheAgent) {
+using Protocol = AgentTest;
+
+TEST_F(Protocol, RepliesAreByteExactAndHostileInputNeverEndsTheAgent) {
   InstallTree tree;
   const std::string report = tree / ("tmp/kova_sysconf_" + tree.hostname() + ".dat");
   RunningAgent agent(tree, free_port(), {"-verbose"});
@@ -84,7 +86,7 @@ TEST(Protocol, RepliesAreByteExactAndHostileInputNeverEndsTheAgent) {
   EXPECT_EQ(occurrences(log, "I-REQ_EXTEND,  Extended Request GET_AGENT_OS  from"), 7u);
 }
 
-TEST(Protocol, OnlyRegisteredServersAreServedBySubstring) {
+TEST_F(Protocol, OnlyRegisteredServersAreServedBySubstring) {
   InstallTree tree;
   RunningAgent other(tree, free_port(), {"-server", "127.0.0.2"});
   ASSERT_TRUE(other.started()) << other.launch().err;
@@ -100,7 +102,7 @@ TEST(Protocol, OnlyRegisteredServersAreServedBySubstring) {
 
 // KOVA_DEBUG shows each request child start and finish: the one ended by
 // the terminate request never finishes.
-TEST(Protocol, TerminateEndsOnlyTheRequestChildOfAForkingAgent) {
+TEST_F(Protocol, TerminateEndsOnlyTheRequestChildOfAForkingAgent) {
   InstallTree forking_tree, foreground_tree;
   RunningAgent forking(forking_tree, free_port(), {}, {"KOVA_DEBUG=1"});
   RunningAgent foreground(foreground_tree, free_port(), {"-nofork", "-nolock"});
@@ -123,7 +125,7 @@ TEST(Protocol, TerminateEndsOnlyTheRequestChildOfAForkingAgent) {
 // The collector state lines of a status request come on the first
 // registered request after start (here the harness's readiness probe) and
 // then once in every 61.
-TEST(Protocol, StatusRequestsLogTheComponentStatesOnceAPeriod) {
+TEST_F(Protocol, StatusRequestsLogTheComponentStatesOnceAPeriod) {
   InstallTree tree;
   RunningAgent agent(tree, free_port());
   ASSERT_TRUE(agent.started());
@@ -135,7 +137,7 @@ TEST(Protocol, StatusRequestsLogTheComponentStatesOnceAPeriod) {
   }
 }
 
-TEST(Protocol, TheMemoryFileArrivesByteForByte) {
+TEST_F(Protocol, TheMemoryFileArrivesByteForByte) {
   InstallTree tree;
   RunningAgent agent(tree, free_port());
   ASSERT_TRUE(agent.started());

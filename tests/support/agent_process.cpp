@@ -2,14 +2,11 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <grp.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <ctime>
@@ -21,8 +18,7 @@
 namespace kova::test {
 namespace {
 
-// Daemonised agents are reparented to the test process, not to init.
-const bool g_subreaper = [] { return ::prctl(PR_SET_CHILD_SUBREAPER, 1) == 0; }();
+constexpr const char* kNoNamespace = "the agent runs only in a test's PID namespace: derive the test from AgentTest";
 
 sockaddr_in loopback(int port) {
   sockaddr_in addr{};
@@ -32,51 +28,13 @@ sockaddr_in loopback(int port) {
   return addr;
 }
 
-// Waits for `pid` up to `limit`; its exit status, or -1.
-int wait_for(pid_t pid, std::chrono::milliseconds limit) {
-  for (auto deadline = std::chrono::steady_clock::now() + limit;;) {
-    int status = 0;
-    pid_t done = ::waitpid(pid, &status, WNOHANG);
-    if (done == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    if (done < 0 || std::chrono::steady_clock::now() >= deadline) return -1;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-}
-
-// Starts the agent with `args`, its output in `io`/out and `io`/err.
-pid_t spawn(std::vector<std::string> args, std::vector<std::string> env, const TempDir& io, int uid = -1) {
+// The agent with `args`, its output in `io`/out and `io`/err; its pid in
+// the namespace, or -1.
+pid_t spawn(PidNamespace& zone, std::vector<std::string> args, std::vector<std::string> env, const TempDir& io,
+            int uid = -1) {
   args.insert(args.begin(), KOVA_AGENT_BIN);
-  std::vector<char*> argv;
-  for (auto& a : args) argv.push_back(a.data());
-  argv.push_back(nullptr);
-  const std::string out_path = io / "out", err_path = io / "err";
-
-  pid_t pid = ::fork();
-  if (pid != 0) return pid;
   // Files, not pipes: a daemon keeps its standard descriptors open.
-  int out = ::open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  int err = ::open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  int in = ::open("/dev/null", O_RDONLY);
-  if (out < 0 || err < 0 || in < 0) ::_exit(126);
-  ::dup2(in, 0), ::dup2(out, 1), ::dup2(err, 2);
-  for (auto& e : env) ::putenv(e.data());
-  if (uid >= 0 && (::setgroups(0, nullptr) != 0 || ::setgid(static_cast<gid_t>(uid)) != 0 ||
-                   ::setuid(static_cast<uid_t>(uid)) != 0))
-    ::_exit(125);
-  ::execv(argv[0], argv.data());
-  ::_exit(127);
-}
-
-// Reaps every finished child other than `keep`: the intermediate process
-// of a daemon's double fork is reparented here and must not linger as a
-// zombie that a process-table search would find.
-void reap_strays(pid_t keep) {
-  for (int i = 0; i < 64; ++i) {
-    siginfo_t info{};
-    if (::waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) != 0 || info.si_pid == 0) return;
-    if (info.si_pid == keep) return;
-    ::waitpid(info.si_pid, nullptr, 0);
-  }
+  return zone.spawn(Spawn{std::move(args), std::move(env), io / "out", io / "err", uid});
 }
 
 }  // namespace
@@ -102,15 +60,20 @@ std::string InstallTree::log() const {
 
 RunResult run_agent(const std::vector<std::string>& args, const std::vector<std::string>& env,
                     std::chrono::milliseconds limit, int uid) {
+  RunResult result;
+  PidNamespace* zone = PidNamespace::current();
+  if (zone == nullptr) {
+    ADD_FAILURE() << kNoNamespace;
+    return result;
+  }
   TempDir io;
   ::chmod(io.path().c_str(), 0777);
-  RunResult result;
-  pid_t pid = spawn(args, env, io, uid);
+  pid_t pid = spawn(*zone, args, env, io, uid);
   if (pid < 0) return result;
-  result.status = wait_for(pid, limit);
+  result.status = zone->wait(pid, limit);
   if (result.status == -1) {
-    ::kill(pid, SIGKILL);
-    ::waitpid(pid, nullptr, 0);
+    zone->kill(pid, SIGKILL);
+    zone->wait(pid, std::chrono::seconds(5));
   }
   result.out = read_file(io / "out");
   result.err = read_file(io / "err");
@@ -139,21 +102,24 @@ int connect_loopback(int port) {
 
 RunningAgent::RunningAgent(const InstallTree& tree, int port, std::vector<std::string> extra,
                            std::vector<std::string> env)
-    : port_(port) {
+    : zone_(PidNamespace::current()), io_(std::make_unique<TempDir>()), port_(port) {
+  if (zone_ == nullptr) {
+    ADD_FAILURE() << kNoNamespace;
+    return;
+  }
   std::vector<std::string> args{"-rootdir", tree.root(), "-port", std::to_string(port)};
   args.insert(args.end(), extra.begin(), extra.end());
   bool foreground = false;
   for (const auto& a : args) foreground |= a == "-nofork";
 
-  TempDir io;
-  pid_t launcher = spawn(args, env, io);
+  pid_t launcher = spawn(*zone_, args, env, *io_);
   if (launcher < 0) return;
   if (foreground) {
     pid_ = launcher;
   } else {
     // The launcher exits once detached; the daemon names itself in its lock
-    // file (or, without one, is the subreaped child that remains).
-    launch_.status = wait_for(launcher, std::chrono::seconds(20));
+    // file.
+    launch_.status = zone_->wait(launcher, std::chrono::seconds(20));
     std::string lock = tree.lock_path();
     eventually([&] { return read_file(lock).find("USER~") != std::string::npos; }, std::chrono::seconds(10));
     std::string content = read_file(lock);
@@ -164,38 +130,33 @@ RunningAgent::RunningAgent(const InstallTree& tree, int port, std::vector<std::s
     return (fd >= 0 && ::close(fd) == 0) || !alive();
   };
   if (pid_ > 0 && !eventually(accepting, std::chrono::seconds(10))) pid_ = -1;
-  eventually([&] {
-    reap_strays(pid_);
-    siginfo_t info{};
-    return ::waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) != 0 || info.si_pid == 0 || info.si_pid == pid_;
-  }, std::chrono::seconds(2));
-  launch_.out = read_file(io / "out");
-  launch_.err = read_file(io / "err");
+  launch_.out = read_file(*io_ / "out");
+  launch_.err = read_file(*io_ / "err");
 }
 
 RunningAgent::~RunningAgent() {
-  if (pid_ > 0 && alive() && stop(SIGTERM) == -1) {
-    ::kill(pid_, SIGKILL);
-    wait_for(pid_, std::chrono::seconds(5));
+  if (zone_ != nullptr && alive() && stop(SIGTERM) == -1) {
+    zone_->kill(pid_, SIGKILL);
+    zone_->wait(pid_, std::chrono::seconds(5));
   }
 }
+
+pid_t RunningAgent::host_pid() const { return zone_ != nullptr ? zone_->host_pid(pid_) : -1; }
 
 bool RunningAgent::alive() {
-  if (pid_ <= 0) return false;
-  reap_strays(pid_);
-  int status;
-  if (::waitpid(pid_, &status, WNOHANG) == pid_) {
-    pid_ = -pid_;  // reaped: remember it ended
-    return false;
-  }
-  return ::kill(pid_, 0) == 0;
+  if (pid_ <= 0 || ended_ || zone_ == nullptr) return false;
+  if (zone_->running(pid_)) return true;
+  ended_ = true;
+  return false;
 }
 
+bool RunningAgent::signal(int signal) { return pid_ > 0 && !ended_ && zone_->kill(pid_, signal); }
+
 int RunningAgent::stop(int signal) {
-  if (pid_ <= 0) return -1;
-  ::kill(pid_, signal);
-  int status = wait_for(pid_, std::chrono::seconds(10));
-  if (status != -1) pid_ = -pid_;
+  if (pid_ <= 0 || zone_ == nullptr) return -1;
+  if (signal != 0) zone_->kill(pid_, signal);
+  int status = zone_->wait(pid_, std::chrono::seconds(10));
+  if (status != -1) ended_ = true;
   return status;
 }
 

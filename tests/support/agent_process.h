@@ -2,13 +2,16 @@
 // talking to it on loopback as the server would.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sys/types.h>
 
 #include <chrono>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "support/pid_namespace.h"
 #include "support/temp_dir.h"
 
 namespace kova::test {
@@ -34,8 +37,22 @@ struct RunResult {
   std::string out, err;
 };
 
-// Runs the agent with `args` and waits for it (at most `limit`). With
-// `uid` set (and the test running as root) it runs under that account.
+// The base of every test that runs the agent: each test gets a private PID
+// namespace, and run_agent and RunningAgent start every program in it, so
+// that no name lookup of the agent can see, let alone signal, a process of
+// the host or of another test. Where no namespace can be made (not root),
+// the test is skipped.
+class AgentTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (!zone_.ok()) GTEST_SKIP() << zone_.why();
+  }
+  PidNamespace zone_;
+};
+
+// Runs the agent with `args` in the test's namespace and waits for it (at
+// most `limit`). With `uid` set (and the test running as root) it runs
+// under that account.
 RunResult run_agent(const std::vector<std::string>& args, const std::vector<std::string>& env = {},
                     std::chrono::milliseconds limit = std::chrono::seconds(20), int uid = -1);
 
@@ -45,8 +62,8 @@ int free_port();
 // A socket connected to `port` on 127.0.0.1, or -1.
 int connect_loopback(int port);
 
-// A started agent. The test process is a child subreaper, so a daemonised
-// agent is reparented to it and can be reaped for its exit status.
+// A started agent in the test's namespace, whose init reaps a daemonised
+// agent and reports its exit status.
 class RunningAgent {
  public:
   RunningAgent(const InstallTree& tree, int port, std::vector<std::string> extra = {},
@@ -55,17 +72,29 @@ class RunningAgent {
   RunningAgent(const RunningAgent&) = delete;
   RunningAgent& operator=(const RunningAgent&) = delete;
 
-  bool started() const { return pid_ > 0; }
+  bool started() const { return pid_ > 0 && !ended_; }
+  // The agent's pid in its namespace: what its lock file, -status and
+  // -stop show.
   pid_t pid() const { return pid_; }
+  // The same process as the test process sees it, for reading /proc.
+  pid_t host_pid() const;
   int port() const { return port_; }
   const RunResult& launch() const { return launch_; }
-  // Sends `signal` and waits for the agent to end; its exit status, or -1.
+  // Its standard output so far (the launcher's and the agent's alike).
+  std::string out() const { return read_file(*io_ / "out"); }
+  // Sends `signal` (0: none) and waits for the agent to end; its exit
+  // status, or -1.
   int stop(int signal);
+  // Sends `signal` without waiting; false when the agent no longer runs.
+  bool signal(int signal);
   // True while the agent's process exists.
   bool alive();
 
  private:
+  PidNamespace* zone_;
+  std::unique_ptr<TempDir> io_;
   pid_t pid_ = -1;
+  bool ended_ = false;
   int port_;
   RunResult launch_;
 };
