@@ -106,7 +106,7 @@ int agent_main(int argc, char** argv) {
       return 0;
     }
     become_service_account(s);
-    int stopped = kova_stop(s.agent_lock_path, 1);
+    int stopped = kova_stop(s.install_root, s.agent_lock_path, 1);
     kova_delete_existing_filesize_tempfile(s);
     return stopped;
   }

@@ -65,7 +65,7 @@ int stop_dc(const AgentSettings& settings, int stops_left) {
   CollectorState& state = collector_state();
   if (state.dc_version.number != 4) {
     write_to_log("I-DC_STOP", "Calling collector stop...");
-    (void)dc_stop(settings.collector_lock_path, 1);
+    (void)dc_stop(settings.collector_lock_path, settings.install_root, 1);
     clock_sleep(1);
   } else {
     // The "@"-summary generation is stopped by its own program.
@@ -77,8 +77,9 @@ int stop_dc(const AgentSettings& settings, int stops_left) {
 
 int check_measureware(const AgentSettings& settings) {
   // Only a result of 0 counts as down, and the name search never gives
-  // it: its "none found" is -1, so this mode reports the agent up.
-  if (findproc_nopid(kMeasurewareCollector, settings.verbose) == 0) {
+  // it: its "none found" is -1, so this mode reports the agent up. The
+  // MeasureWare collector belongs to the host, not to an install tree.
+  if (findproc_nopid(kMeasurewareCollector, "", settings.verbose) == 0) {
     if (is_debug(settings)) write_to_log("I-DC_STAT", "Measureware Data Collector DOWN");
     return kStatusNotRunning;
   }
@@ -188,14 +189,14 @@ int compare_dc_settings(DcSettings& record, int dump_interval, int peak_interval
   return dc_write_settings_file(record);
 }
 
-int dc_stop(const std::string& path, int verbose) {
+int dc_stop(const std::string& path, const std::string& install_root, int verbose) {
   DcLockfile lock;
   int read = dc_read_lockfile(path, lock);
   if (read == 0) std::fprintf(stderr, "%s , unable to read lockfile, %s \n", kCollector, path.c_str());
   int pid;
   bool running;
   if (read != 1) {
-    pid = find_process_by_name(kCollector, ::getpid(), 0);
+    pid = find_process_by_name(kCollector, install_root, ::getpid(), 0);
     running = pid >= 1;
   } else {
     pid = lock.pid;

@@ -56,9 +56,10 @@ inline constexpr const char* kMeasurewareControl = "/opt/perf/bin/mwa";
 [[nodiscard]] int compare_dc_settings(DcSettings& record, int dump_interval, int peak_interval, int retain);
 
 // Sends SIGINT to the collector named by the lock file at `path`, or, with
-// no usable lock file, to another process named vorn_monitor. 1 when it was
-// signalled or is not running; 0 when the signal failed.
-[[nodiscard]] int dc_stop(const std::string& path, int verbose);
+// no usable lock file, to another process named vorn_monitor of the tree at
+// install_root. 1 when it was signalled or is not running; 0 when the
+// signal failed.
+[[nodiscard]] int dc_stop(const std::string& path, const std::string& install_root, int verbose);
 
 // The growth watch. 1: the data file grows, or the watch is off or not yet
 // due; 0: the size could not be learnt (counted as healthy); -1: the file

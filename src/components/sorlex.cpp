@@ -49,7 +49,8 @@ int StopSORLEX_UNIX(const std::string& root, int debug) {
 
 int CheckSORLEX_UNIX(const std::string& root, int debug) {
   if (!file_exists(program_path(root))) return kStatusNotInstalled;
-  const bool up = find_process_by_name(kProgram, ::getpid(), debug) >= 1;
+  // Only the search agent of this root: another root's runs on its own.
+  const bool up = find_process_by_name(kProgram, root, ::getpid(), debug) >= 1;
   if (debug == 1) write_to_log("I-SORLEX_STAT", up ? "Sorlex Agent UP" : "Sorlex Agent DOWN");
   return up ? kStatusRunning : kStatusNotRunning;
 }

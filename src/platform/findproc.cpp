@@ -3,8 +3,11 @@
 #include <dirent.h>
 #include <fcntl.h>
 
+#include <climits>
+#include <cstdlib>
 #include <cerrno>
 #include <cstring>
+#include <vector>
 
 #include "base/log.h"
 #include "platform/privileges.h"
@@ -25,7 +28,73 @@ UniqueFd open_read_only(const std::string& path, int flags = 0) {
   return UniqueFd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | flags));
 }
 
+// `path` with "." , ".." and repeated "/" resolved by the text alone.
+std::string lexically_normal(const std::string& path) {
+  std::vector<std::string> parts;
+  for (size_t at = 0; at <= path.size();) {
+    size_t end = path.find('/', at);
+    if (end == std::string::npos) end = path.size();
+    const std::string part = path.substr(at, end - at);
+    if (part == "..") {
+      if (!parts.empty()) parts.pop_back();
+    } else if (!part.empty() && part != ".") {
+      parts.push_back(part);
+    }
+    at = end + 1;
+  }
+  std::string out;
+  for (const std::string& part : parts) out += "/" + part;
+  return out.empty() ? "/" : out;
+}
+
+std::string real_path(const std::string& path) {
+  char resolved[PATH_MAX];
+  return ::realpath(path.c_str(), resolved) != nullptr ? std::string(resolved) : lexically_normal(path);
+}
+
+// A program's path with its directories resolved but not its own name: a
+// link in the tree's bin that points elsewhere still names the tree.
+std::string real_program_path(const std::string& path) {
+  const std::string normal = lexically_normal(path);
+  const size_t slash = normal.rfind('/');
+  if (slash == 0 || slash == std::string::npos) return normal;
+  return real_path(normal.substr(0, slash)) + normal.substr(slash);
+}
+
 }  // namespace
+
+bool path_under(const std::string& path, const std::string& root) {
+  const std::string p = lexically_normal(path), r = lexically_normal(root);
+  return r == "/" || p == r || (p.size() > r.size() && p.compare(0, r.size(), r) == 0 && p[r.size()] == '/');
+}
+
+bool belongs_to_install(const std::string& proc_dir, const std::string& short_name, const std::string& install_root) {
+  const std::string root = real_path(install_root);
+  const std::string cwd = read_proc_link(proc_dir, "cwd");
+  if (!cwd.empty() && path_under(cwd, root)) return true;
+  const std::string exe = read_proc_link(proc_dir, "exe");
+  if (!exe.empty() && path_under(exe, root)) return true;
+
+  const std::vector<std::string> args = read_proc_cmdline(proc_dir);
+  if (args.empty()) return false;
+  // Relative to where the process runs: the best guess at where it started.
+  const auto under_root = [&](const std::string& arg, bool program) {
+    if (arg.empty() || (program && arg.find('/') == std::string::npos)) return false;
+    const std::string path = arg[0] == '/' || cwd.empty() ? arg : cwd + "/" + arg;
+    return path[0] == '/' && path_under(program ? real_program_path(path) : real_path(path), root);
+  };
+  // The program is the argument that bears the short name: the first one,
+  // or, for a script, the script after its interpreter.
+  size_t program = 0;
+  const auto bears_name = [&](const std::string& arg) {
+    return arg.substr(arg.rfind('/') + 1).substr(0, kShortNameMax) == short_name;
+  };
+  while (program < args.size() && !bears_name(args[program])) ++program;
+  if (under_root(args[program < args.size() ? program : 0], true)) return true;
+  for (size_t i = 1; i + 1 < args.size(); ++i)
+    if (args[i] == "-rootdir" && under_root(args[i + 1], false)) return true;
+  return false;
+}
 
 void findprocWriteLog(const std::string& message) { write_to_log("I-FINDPROC", message, true); }
 
@@ -97,7 +166,7 @@ int findproc(const std::string& name, int pid, int log) {
   return found ? 1 : 0;
 }
 
-int find_process_by_name(const std::string& name, int skip_pid, int log) {
+int find_process_by_name(const std::string& name, const std::string& install_root, int skip_pid, int log) {
   const unsigned long long zone = getzoneid();
   // Without raised privileges the scan sees less; it still answers.
   (void)priv_on();
@@ -123,7 +192,8 @@ int find_process_by_name(const std::string& name, int skip_pid, int log) {
     }
     // An exact comparison with a name of at most 15 characters: a longer
     // name is never found.
-    if (got > 0 && in_zone(info, zone) && info.fname == name && info.pid != skip_pid) {
+    if (got > 0 && in_zone(info, zone) && info.fname == name && info.pid != skip_pid &&
+        (install_root.empty() || belongs_to_install(dir, info.fname, install_root))) {
       if (log != 0) findprocWriteLog(string_printf("findproc : found  %s:%d\n", info.fname.c_str(), info.pid));
       priv_off();
       return info.pid;
@@ -134,6 +204,8 @@ int find_process_by_name(const std::string& name, int skip_pid, int log) {
 }
 
 // No process has the id -1, so none is skipped.
-int findproc_nopid(const std::string& name, int log) { return find_process_by_name(name, -1, log); }
+int findproc_nopid(const std::string& name, const std::string& install_root, int log) {
+  return find_process_by_name(name, install_root, -1, log);
+}
 
 }  // namespace kova

@@ -5,12 +5,12 @@
 
 #include <algorithm>
 #include <charconv>
+#include <climits>
+#include <fstream>
+#include <iterator>
 
 namespace kova {
 namespace {
-
-// As the short name was always kept: 15 characters and a terminating NUL.
-constexpr std::size_t kFnameMax = 15;
 
 unsigned long long zone_of(const std::string& proc_dir) {
   struct stat st;
@@ -56,12 +56,30 @@ bool parse_proc_info(std::string_view record, ProcInfo& info) {
   auto [end, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), pid);
   if (ec != std::errc() || end != digits.data() + digits.size() || digits.empty()) return false;
   info.pid = pid;
-  info.fname.assign(record.substr(open + 1, std::min(close - open - 1, kFnameMax)));
+  info.fname.assign(record.substr(open + 1, std::min(close - open - 1, kShortNameMax)));
   return true;
 }
 
 bool in_zone(const ProcInfo& info, unsigned long long zone) {
   return info.zone == 0 || zone == 0 || info.zone == zone;
+}
+
+std::vector<std::string> read_proc_cmdline(const std::string& proc_dir) {
+  std::ifstream in(proc_dir + "/cmdline", std::ios::binary);
+  const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  std::vector<std::string> args;
+  for (size_t at = 0; at < text.size();) {
+    const size_t end = std::min(text.find('\0', at), text.size());
+    args.emplace_back(text, at, end - at);
+    at = end + 1;
+  }
+  return args;
+}
+
+std::string read_proc_link(const std::string& proc_dir, const char* link) {
+  char target[PATH_MAX];
+  const ssize_t n = ::readlink((proc_dir + "/" + link).c_str(), target, sizeof target);
+  return n > 0 && static_cast<size_t>(n) < sizeof target ? std::string(target, static_cast<size_t>(n)) : std::string();
 }
 
 }  // namespace kova

@@ -5,11 +5,15 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace kova {
 
 // The calling process's zone; 0 when its link cannot be read.
 unsigned long long getzoneid();
+
+// The most of a program's name that the process table keeps.
+inline constexpr std::size_t kShortNameMax = 15;
 
 // The facts the lookups use of one process.
 struct ProcInfo {
@@ -39,5 +43,15 @@ std::string proc_info_path(const std::string& proc_dir);
 // True when the process lies in `zone`. A process whose link could not be
 // read counts as lying in it.
 bool in_zone(const ProcInfo& info, unsigned long long zone);
+
+// The command line of the process whose directory is proc_dir, one entry
+// an argument; empty when it cannot be read (a process gone, a kernel
+// thread).
+std::vector<std::string> read_proc_cmdline(const std::string& proc_dir);
+
+// The target of one of the process's links ("cwd", "exe"); "" when it
+// cannot be read (a process gone, or another account's without the
+// privilege to look).
+std::string read_proc_link(const std::string& proc_dir, const char* link);
 
 }  // namespace kova

@@ -157,7 +157,7 @@ int is_kova_running(const AgentSettings& settings, int* pid_out) {
   *pid_out = -1;
   if (!file_exists(settings.agent_lock_path)) {
     if (!release_without_lock_file()) return 0;
-    int pid = find_process_by_name(kProgramName, ::getpid(), 0);
+    int pid = find_process_by_name(kProgramName, settings.install_root, ::getpid(), 0);
     if (pid <= 0) return 0;
     *pid_out = pid;
     return 1;
@@ -170,7 +170,7 @@ int is_kova_running(const AgentSettings& settings, int* pid_out) {
   return running;
 }
 
-int kova_status(const std::string& /*install_root*/, const std::string& lock_path, int /*mode*/, int /*reserved*/,
+int kova_status(const std::string& install_root, const std::string& lock_path, int /*mode*/, int /*reserved*/,
                 int delete_stale) {
   AgentLockRecord record;
   int read = kova_read_lockfile(lock_path, record);
@@ -185,7 +185,7 @@ int kova_status(const std::string& /*install_root*/, const std::string& lock_pat
   if (read == 1) {
     running = findproc(kProgramName, record.pid, 0);
   } else {
-    found_pid = find_process_by_name(kProgramName, ::getpid(), 0);
+    found_pid = find_process_by_name(kProgramName, install_root, ::getpid(), 0);
     running = found_pid > 0 ? 1 : 0;
   }
 
@@ -199,7 +199,7 @@ int kova_status(const std::string& /*install_root*/, const std::string& lock_pat
   }
   if (running == 0 && read == 1) {
     if (delete_stale == 1) ::unlink(lock_path.c_str());
-    found_pid = find_process_by_name(kProgramName, ::getpid(), 0);
+    found_pid = find_process_by_name(kProgramName, install_root, ::getpid(), 0);
     if (found_pid > 0) {
       std::fprintf(stderr, "%s: unable to get statistics, lockfile missing, %s\n", kProgramName, lock_path.c_str());
       std::fprintf(stderr, "%s: running as pid %d \n", kProgramName, found_pid);
@@ -224,7 +224,7 @@ int kova_status(const std::string& /*install_root*/, const std::string& lock_pat
   return 1;
 }
 
-int kova_stop(const std::string& lock_path, int announce) {
+int kova_stop(const std::string& install_root, const std::string& lock_path, int announce) {
   AgentLockRecord record;
   int read = kova_read_lockfile(lock_path, record);
   if (read == 0) std::fprintf(stderr, "%s , unable to read lockfile, %s \n", kProgramName, lock_path.c_str());
@@ -235,7 +235,7 @@ int kova_stop(const std::string& lock_path, int announce) {
     pid = record.pid;
     running = findproc(kProgramName, pid, 0);
   } else {
-    pid = find_process_by_name(kProgramName, ::getpid(), 0);
+    pid = find_process_by_name(kProgramName, install_root, ::getpid(), 0);
     running = pid > 0 ? 1 : 0;
   }
   if (running != 1) {

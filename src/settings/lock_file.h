@@ -33,13 +33,15 @@ int kova_delete_existing_lockfile(const std::string& path, int verbose);
 int is_kova_running(const AgentSettings& settings, int* pid_out);
 
 // Prints the status report of the running agent. 1 when one runs, else 0.
-// delete_stale 1 removes a lock file whose agent is gone.
+// delete_stale 1 removes a lock file whose agent is gone. Without a usable
+// lock file, only an agent of the tree at install_root counts.
 int kova_status(const std::string& install_root, const std::string& lock_path, int mode, int reserved,
                 int delete_stale);
 
 // Sends the running agent SIGINT. 1: stopped or not running; 0: the signal
-// could not be sent.
-int kova_stop(const std::string& lock_path, int announce);
+// could not be sent. Without a usable lock file, only an agent of the tree
+// at install_root is looked for.
+int kova_stop(const std::string& install_root, const std::string& lock_path, int announce);
 
 // Free kilobytes and percent free of the file system holding `path`, as an
 // unprivileged user sees it. 1, or 0 when it cannot be queried (both 0).

@@ -146,7 +146,7 @@ TEST_F(Collector, CollectorWhoseFileStopsGrowingIsStopped) {
 TEST_F(Collector, CollectorThatKeepsWritingStaysUpAndStaleLocksAreNotSignalled) {
   // Our own pid under a name that is not the collector's.
   write_file(settings_.collector_lock_path, "PID~" + std::to_string(::getpid()) + "\n");
-  EXPECT_EQ(dc_stop(settings_.collector_lock_path, 1), 1);
+  EXPECT_EQ(dc_stop(settings_.collector_lock_path, settings_.install_root, 1), 1);
   EXPECT_EQ(CheckDC_UNIX(settings_), kStatusNotRunning);
 
   ::setenv("VORN_DEMO_INTERVAL_MS", "20", 1);

@@ -119,11 +119,16 @@ TEST_F(Daemon, RunsOnceOverAStaleLockReportsStatusAndStopsOnRequest) {
   EXPECT_FALSE(file_exists(tree.lock_path()));
 }
 
-TEST_F(Daemon, WithoutALockFileStatusAndStopFindTheAgentByName) {
-  InstallTree tree;
+TEST_F(Daemon, WithoutALockFileStatusAndStopFindTheAgentOfTheirOwnTreeByName) {
+  InstallTree tree, other;
   RunningAgent agent(tree, free_port(), {"-nofork", "-nolock"});
   ASSERT_TRUE(agent.started()) << agent.launch().err;
   const std::string pid = std::to_string(agent.pid());
+
+  // Asked about another tree, they see no agent and leave this one alone.
+  EXPECT_EQ(run_agent({"-rootdir", other.root(), "-status"}).out, kBanner + "kovaagent is not running.\n");
+  EXPECT_EQ(run_agent({"-rootdir", other.root(), "-stop"}).out, kBanner + "\nkovaagent is not running\n");
+  EXPECT_TRUE(agent.alive());
 
   RunResult status = run_agent({"-rootdir", tree.root(), "-status"});
   EXPECT_EQ(status.status, 0);

@@ -19,15 +19,18 @@ namespace kova::test {
 namespace {
 
 // A process whose short name is its program's file name, killed and reaped by its pid; in a new PID
-// namespace it lies in another zone. Construction returns once the child has run exec or failed to.
+// namespace it lies in another zone. Construction returns once the child's program runs, or failed to.
 class Started {
  public:
-  Started(const std::string& program, const std::string& arg, bool other_zone = false)
-      : argv_{program.c_str(), arg.c_str(), nullptr} {
+  Started(const std::string& program, const std::string& arg, bool other_zone = false, const std::string& cwd = ".")
+      : argv_{program.c_str(), arg.c_str(), nullptr}, cwd_(cwd) {
     std::vector<char> stack(256 * 1024);
     const int flags = SIGCHLD | CLONE_VM | CLONE_VFORK | (other_zone ? CLONE_NEWPID : 0);
     pid_ = ::clone(&Started::run, stack.data() + stack.size(), flags, this);
     if (err_ != 0) stop();
+    // The parent of a vfork wakes before the new program's arguments show.
+    for (int i = 0; i < 400 && pid_ > 0 && read_file(string_printf("/proc/%d/cmdline", pid_)).empty(); ++i)
+      ::usleep(5000);
   }
   ~Started() { stop(); }
   int pid() const { return pid_; }
@@ -39,11 +42,13 @@ class Started {
  private:
   static int run(void* self) {
     auto* started = static_cast<Started*>(self);
+    if (::chdir(started->cwd_.c_str()) != 0) started->err_ = errno;
     ::execv(started->argv_[0], const_cast<char* const*>(started->argv_));
     started->err_ = errno;
     return 127;
   }
   const char* argv_[3];
+  std::string cwd_;
   int err_ = 0;
   int pid_ = -1;
 };
@@ -65,17 +70,18 @@ TEST(Findproc, ShortNameMustOccurInsideTheGivenNameOrMatchItWhole) {
 
   // By name: whole short names, the given pid skipped, and a sixteen-character name never found.
   const std::string name = string_printf("kf%d", static_cast<int>(::getpid()));
+  const std::string& root = dir.path();
   Started first(sleeper(dir, name), "60");
   Started second(dir / name, "60");
   ASSERT_GT(first.pid(), 0);
   ASSERT_GT(second.pid(), 0);
-  EXPECT_EQ(find_process_by_name(name, first.pid(), 0), second.pid());
-  EXPECT_EQ(find_process_by_name(name, second.pid(), 0), first.pid());
-  EXPECT_EQ(find_process_by_name(name + "x", ::getpid(), 0), -1);
-  EXPECT_EQ(find_process_by_name(name.substr(1), ::getpid(), 0), -1);
+  EXPECT_EQ(find_process_by_name(name, root, first.pid(), 0), second.pid());
+  EXPECT_EQ(find_process_by_name(name, root, second.pid(), 0), first.pid());
+  EXPECT_EQ(find_process_by_name(name + "x", root, ::getpid(), 0), -1);
+  EXPECT_EQ(find_process_by_name(name.substr(1), root, ::getpid(), 0), -1);
   second.stop();
-  EXPECT_EQ(find_process_by_name(name, first.pid(), 0), -1);
-  EXPECT_EQ(findproc_nopid(name, 0), first.pid());
+  EXPECT_EQ(find_process_by_name(name, root, first.pid(), 0), -1);
+  EXPECT_EQ(findproc_nopid(name, root, 0), first.pid());
 
   const std::string long_name = string_printf("longname_%07d", static_cast<int>(::getpid()));
   write_file(dir / long_name, "#!/bin/sh\nread line < \"$1\"\n");
@@ -83,9 +89,9 @@ TEST(Findproc, ShortNameMustOccurInsideTheGivenNameOrMatchItWhole) {
   ASSERT_EQ(::mkfifo((dir / "fifo").c_str(), 0600), 0);
   Started script(dir / long_name, dir / "fifo");  // it blocks in the shell's own read, with no child
   ASSERT_GT(script.pid(), 0);
-  EXPECT_EQ(find_process_by_name(long_name, ::getpid(), 0), -1);
-  EXPECT_EQ(findproc_nopid(long_name, 0), -1);
-  EXPECT_EQ(findproc_nopid(long_name.substr(0, 15), 0), script.pid());
+  EXPECT_EQ(find_process_by_name(long_name, root, ::getpid(), 0), -1);
+  EXPECT_EQ(findproc_nopid(long_name, root, 0), -1);
+  EXPECT_EQ(findproc_nopid(long_name.substr(0, 15), root, 0), script.pid());  // the script counts, not its shell
   EXPECT_EQ(findproc(long_name, script.pid(), 0), 1);
 }
 
@@ -96,9 +102,38 @@ TEST(FindProcessByName, IgnoresProcessesOfAnotherZone) {
   Started outside(sleeper(dir, name), "60", true);
   ASSERT_GT(outside.pid(), 0);
   EXPECT_EQ(findproc(name, outside.pid(), 0), 0);
-  EXPECT_EQ(findproc_nopid(name, 0), -1);
+  EXPECT_EQ(findproc_nopid(name, "", 0), -1);
   Started inside(dir / name, "60");
-  EXPECT_EQ(findproc_nopid(name, 0), inside.pid());
+  EXPECT_EQ(findproc_nopid(name, "", 0), inside.pid());
+}
+
+// A process counts for a tree when its program lies in it or it runs in it; another tree's is never found.
+TEST(FindProcessByName, FindsOnlyProcessesOfTheInstallTreeAskedAbout) {
+  TempDir tree, other;
+  make_dirs(tree / "bin");
+  make_dirs(tree / "tmp");
+  const std::string name = string_printf("kt%d", static_cast<int>(::getpid()));
+  Started program(sleeper(tree, "bin/" + name), "60", false, "/");
+  ASSERT_GT(program.pid(), 0);
+  EXPECT_EQ(findproc_nopid(name, tree.path(), 0), program.pid());
+  EXPECT_EQ(findproc_nopid(name, tree / "bin/", 0), program.pid());
+  EXPECT_EQ(findproc_nopid(name, tree / "bin/../bin", 0), program.pid());
+  EXPECT_EQ(findproc_nopid(name, other.path(), 0), -1);
+  EXPECT_EQ(findproc_nopid(name, tree / "tmp", 0), -1);
+  EXPECT_EQ(findproc_nopid(name, "", 0), program.pid());  // any tree
+  program.stop();
+
+  Started working(sleeper(other, name), "60", false, tree / "tmp");  // a program from elsewhere, run in the tree
+  ASSERT_GT(working.pid(), 0);
+  EXPECT_EQ(findproc_nopid(name, tree.path(), 0), working.pid());
+  EXPECT_EQ(findproc_nopid(name, other.path(), 0), working.pid());
+  EXPECT_EQ(findproc_nopid(name, other / "x", 0), -1);
+
+  const std::tuple<const char*, const char*, bool> paths[] = {
+      {"/opt/v", "/opt/v", true},       {"/opt/v/bin/a", "/opt/v", true},   {"/opt/vb", "/opt/v", false},
+      {"/opt/v/../w", "/opt/v", false}, {"/opt//v/./tmp", "/opt/v/", true}, {"/anything", "/", true},
+      {"/opt", "/opt/v", false}};
+  for (auto [path, root, under] : paths) EXPECT_EQ(path_under(path, root), under) << path << " " << root;
 }
 
 }  // namespace
