@@ -183,7 +183,7 @@ int not_served(const char* what) {
 int extended_request(int fd, const std::string& address, const PacketBuffer& request, AgentState& state) {
   ExtendedRequest ext;
   read_extended_tag(request, ext);
-  log_printf("I-REQ_EXTEND", "Extended Request %s  from %s", ext.tag.data(), address.c_str());
+  log_printf("I-REQ_EXTEND", "Extended Request %s  from %s", log_escape(ext.tag.data()).c_str(), address.c_str());
   if (read_extended_payload(fd, ext, state.settings.verbose) != FrameStatus::kOk) return kDispatchDone;
 
   const AgentSettings& s = state.settings;
@@ -246,7 +246,8 @@ int extended_request(int fd, const std::string& address, const PacketBuffer& req
       return kDispatchDone;
     case ExtendedTag::kUnknown:
       (void)socketsend_char_status(fd, kResultUnknownCode);
-      log_printf("W-UKNTAG", "Unknown extended request %s  from %s", ext.tag.data(), address.c_str());
+      log_printf("W-UKNTAG", "Unknown extended request %s  from %s", log_escape(ext.tag.data()).c_str(),
+                 address.c_str());
       return kDispatchDone;
   }
   return kDispatchDone;

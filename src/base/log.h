@@ -29,6 +29,13 @@ int write_to_log(std::string_view tag, std::string_view message, bool stamped = 
 // the call site so a log line can be traced to its source with grep.
 int log_printf(const char* tag, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
+// `text` as it may stand in a log line when it came from outside (a tag,
+// host name, path or file name of a request): printable ASCII unchanged, a
+// line feed, carriage return and tab as "\n", "\r" and "\t", any other
+// control character or byte outside printable ASCII as "\xNN" ("\xff"). So
+// no request can end a log line early or write one of its own.
+std::string log_escape(std::string_view text);
+
 // Formats a stamped line exactly as write_to_log writes it.
 std::string format_log_line(std::string_view stamp, std::string_view tag, std::string_view message);
 

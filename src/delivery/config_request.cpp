@@ -44,13 +44,14 @@ int process_config_node_request(int fd, const AgentSettings& settings, const std
                                 const unsigned char* payload, int length, PacketBuffer& buffer) {
   std::string host(reinterpret_cast<const char*>(payload), payload != nullptr && length > 0 ? length : 0);
   host = host.c_str();  // the name ends at its first NUL
-  log_printf("I-REQ_SYSSTAT_NODE", "SYSTAT NODE request from %s for system %s ", peer.c_str(), host.c_str());
-  if (settings.verbose) log_printf("I-PERF_VAL", "Get config file for : %s", host.c_str());
+  const std::string shown = log_escape(host);
+  log_printf("I-REQ_SYSSTAT_NODE", "SYSTAT NODE request from %s for system %s ", peer.c_str(), shown.c_str());
+  if (settings.verbose) log_printf("I-PERF_VAL", "Get config file for : %s", shown.c_str());
 
   // The name becomes part of a path: one holding "/" could reach outside
   // the tmp directory, so it names no report at all.
   if (host.find('/') != std::string::npos) {
-    log_printf("W-GET_CONFIG", "No config file for %s...", host.c_str());
+    log_printf("W-GET_CONFIG", "No config file for %s...", shown.c_str());
     buffer.fill(0);
     Packet_CreateINF(0, 0, buffer);
     (void)Socket_writen(fd, buffer.data(), kInfSize);
@@ -60,9 +61,9 @@ int process_config_node_request(int fd, const AgentSettings& settings, const std
   const std::string path = config_report_path(settings, host);
   if (host == settings.hostname) {
     if (regenerate_report(settings, host, path) < 1)
-      log_printf("W-GET_CONFIG", "Unable to generate config file for %s...", host.c_str());
+      log_printf("W-GET_CONFIG", "Unable to generate config file for %s...", shown.c_str());
   } else {
-    log_printf("I-GET_CONFIG", "Use existing config file for %s...", host.c_str());
+    log_printf("I-GET_CONFIG", "Use existing config file for %s...", shown.c_str());
   }
   return send_ascii_file(fd, settings, path, buffer, kTransferBlockSize);
 }

@@ -128,7 +128,7 @@ int send_ascii_file(int socket, const AgentSettings& settings, const std::string
   // A block count beyond the header's 32 bits cannot be announced; such a
   // file is refused as one that cannot be opened.
   if (!file || size < 0 || size / block > INT32_MAX) {
-    log_printf("W-OPEN", "Unable to open %s , %s", path.c_str(), std::strerror(file ? EFBIG : errno));
+    log_printf("W-OPEN", "Unable to open %s , %s", log_escape(path).c_str(), std::strerror(file ? EFBIG : errno));
     send_header(socket, buffer, 0, 0);
     return kTransferReadFailed;
   }
@@ -161,13 +161,13 @@ int send_ascii_file(int socket, const AgentSettings& settings, const std::string
     const char* reason = error != 0 ? std::strerror(error) : "unexpected end of file";
     if (sent < full_end)
       log_printf("E-READ", "File read error on block %lld,  %s,  %s", static_cast<long long>(sent / block + 1),
-                 path.c_str(), reason);
+                 log_escape(path).c_str(), reason);
     else
-      log_printf("E-READ", "Error reading file last packet, %s , %s", path.c_str(), reason);
+      log_printf("E-READ", "Error reading file last packet, %s , %s", log_escape(path).c_str(), reason);
     return kTransferReadFailed;
   }
   file.reset();
-  log_printf("I-SENT", "File (%s) transfered. (%lld of %lld bytes)", path.c_str(), static_cast<long long>(sent),
+  log_printf("I-SENT", "File (%s) transfered. (%lld of %lld bytes)", log_escape(path).c_str(), static_cast<long long>(sent),
              static_cast<long long>(size));
   return kTransferOk;
 }

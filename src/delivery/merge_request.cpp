@@ -82,8 +82,8 @@ int create_merg_file(const AgentSettings& settings, const std::string& peer, con
     proc_path_out = settings.tmp_dir + "/" + base + ".proc";
   }
   if (settings.verbose == 1) {
-    log_printf("I-MERG_VAL", "Start time  %s", start.c_str());
-    log_printf("I-MERG_VAL", "End time %s", end.c_str());
+    log_printf("I-MERG_VAL", "Start time  %s", log_escape(start).c_str());
+    log_printf("I-MERG_VAL", "End time %s", log_escape(end).c_str());
     log_printf("I-MERG", "Data file %s", data_file.c_str());
   }
   if (!file_exists(data_file)) {
@@ -104,7 +104,7 @@ int create_merg_file(const AgentSettings& settings, const std::string& peer, con
     argv.push_back("-rootdir");
     argv.push_back(settings.install_root);
   }
-  write_to_log("I-MERG_COMMAND", command_text(argv));
+  write_to_log("I-MERG_COMMAND", log_escape(command_text(argv)));
   std::string output;
   if (run_program(argv, output) == 1 && settings.verbose == 1)
     log_printf("I-MERG_RETURNED", "run returned,  %s", output.c_str());
@@ -118,8 +118,8 @@ int process_merg_request(int socket, const AgentSettings& settings, const std::s
   std::string start, end;
   if (int result = read_times(payload_bytes(payload, length), start, end); result != kResultOk) return result;
   if (settings.verbose != 0) {
-    log_printf("I-MERG_VAL", "start : %s", start.c_str());
-    log_printf("I-MERG_VAL", "end : %s", end.c_str());
+    log_printf("I-MERG_VAL", "start : %s", log_escape(start).c_str());
+    log_printf("I-MERG_VAL", "end : %s", log_escape(end).c_str());
   }
   return serve_merge(socket, settings, peer, start, end, buffer);
 }

@@ -67,10 +67,10 @@ std::string format_tm(const char* format, const std::tm& t) {
 int send_perf_file(int socket, const AgentSettings& settings, const std::string& perf, PacketBuffer& buffer) {
   const int result = send_ascii_file(socket, settings, perf, buffer, kTransferBlockSize);
   if (settings.keep_perf == 0) {
-    if (settings.verbose == 1) log_printf("I-PERF_DEL", "Delete .PERF  %s", perf.c_str());
+    if (settings.verbose == 1) log_printf("I-PERF_DEL", "Delete .PERF  %s", log_escape(perf).c_str());
     (void)delete_file(perf);
   } else if (settings.verbose == 1) {
-    log_printf("I-PERF_KEEP", "Keep .PERF  %s", perf.c_str());
+    log_printf("I-PERF_KEEP", "Keep .PERF  %s", log_escape(perf).c_str());
   }
   return result;
 }
@@ -189,16 +189,16 @@ int create_perf_file(const AgentSettings& settings, const std::string& peer, con
   else
     (void)formatFileTime(start, when);
   if (settings.verbose == 1) {
-    log_printf("I-PERF_VAL", "Start time  %s", start.c_str());
-    log_printf("I-PERF_VAL", "End time %s", end.c_str());
+    log_printf("I-PERF_VAL", "Start time  %s", log_escape(start).c_str());
+    log_printf("I-PERF_VAL", "End time %s", log_escape(end).c_str());
   }
   const std::string data_file = settings.data_dir + "/" + perf_data_file_name(host, os, date);
   perf_path_out = settings.remote == 1 ? settings.outgoing_dir + "/" + host + "_" + when + ".perf"
                                        : settings.tmp_dir + "/" + host + "_" + when + "_" + peer + ".perf";
 
-  log_printf("I-PERF_ZUDFILE", "Data file: %s", data_file.c_str());
+  log_printf("I-PERF_ZUDFILE", "Data file: %s", log_escape(data_file).c_str());
   if (!file_exists(data_file)) {
-    log_printf("E-PERF_ZUD_NOT_FND", "Data file not found: %s", data_file.c_str());
+    log_printf("E-PERF_ZUD_NOT_FND", "Data file not found: %s", log_escape(data_file).c_str());
     return kResultRawDataNotFound;
   }
   // A work file kept from an earlier request must not be sent in place of
@@ -211,7 +211,7 @@ int create_perf_file(const AgentSettings& settings, const std::string& peer, con
     argv.push_back("-rootdir");
     argv.push_back(settings.install_root);
   }
-  write_to_log("I-PERF_COMMAND", command_text(argv));
+  write_to_log("I-PERF_COMMAND", log_escape(command_text(argv)));
   std::string output;
   if (run_program(argv, output) != 1) return kResultImageRunFailed;
   if (settings.verbose == 1) log_printf("I-PERF_RET", "run returned,  %s", output.c_str());
@@ -283,10 +283,10 @@ int process_perf_node_request(int socket, const AgentSettings& settings, const s
   const int age = Packet_CheckOPCODE(bytes, kAgeOffset);
 
   if (settings.verbose != 0) {
-    log_printf("I-PERF_VAL", "host : %s", host.c_str());
-    log_printf("I-PERF_VAL", "OS : %s", os.c_str());
-    log_printf("I-PERF_VAL", "start : %s", start.c_str());
-    log_printf("I-PERF_VAL", "end : %s", end.c_str());
+    log_printf("I-PERF_VAL", "host : %s", log_escape(host).c_str());
+    log_printf("I-PERF_VAL", "OS : %s", log_escape(os).c_str());
+    log_printf("I-PERF_VAL", "start : %s", log_escape(start).c_str());
+    log_printf("I-PERF_VAL", "end : %s", log_escape(end).c_str());
     log_printf("I-PERF_VAL", "retain : %d", age);
   }
   zud_age = age;
@@ -301,8 +301,8 @@ int process_perf_node_request(int socket, const AgentSettings& settings, const s
   // The data was extracted, so the host's old files may go whether or not
   // the server took the bytes.
   if (settings.verbose != 0)
-    log_printf("I-PERF_KEEP", "Purging data files for %s (os %s)  from %s older then %d days\n", host.c_str(),
-               os.c_str(), settings.data_dir.c_str(), age);
+    log_printf("I-PERF_KEEP", "Purging data files for %s (os %s)  from %s older then %d days\n",
+               log_escape(host).c_str(), log_escape(os).c_str(), settings.data_dir.c_str(), age);
   if (os.find("ESX") != std::string::npos)
     (void)purge_data_file1(settings.data_dir, host, "qdtv", ".zud", age, settings.verbose);
   else
@@ -344,8 +344,8 @@ int send_zud_file(int socket, const AgentSettings& settings, const std::string& 
     return kTransferReadFailed;
   }
   const std::string name = field.data();
-  log_printf("I-RAWDATA_FILE", "data filename: %s", name.c_str());
-  if (settings.verbose != 0) log_printf("I-RAWDATA_FILE", "Requested file:  %s", name.c_str());
+  log_printf("I-RAWDATA_FILE", "data filename: %s", log_escape(name).c_str());
+  if (settings.verbose != 0) log_printf("I-RAWDATA_FILE", "Requested file:  %s", log_escape(name).c_str());
   // The first four characters are the type prefix; what follows is matched
   // anywhere in the names.
   if (name.size() < 4) {
@@ -370,7 +370,7 @@ int send_zud_files_unix(int socket, const AgentSettings& settings, const std::st
     UniqueFd file(::openat(::dirfd(dir.get()), entry->d_name, O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
     if (!file && errno == ELOOP) continue;  // a symbolic link is not the collector's file
     if (!file) {
-      log_printf("E-OPEN", "Unable to open %s", name.c_str());
+      log_printf("E-OPEN", "Unable to open %s", log_escape(name).c_str());
       return kTransferOpenFailed;
     }
     struct stat st {};
@@ -387,18 +387,18 @@ int send_zud_files_unix(int socket, const AgentSettings& settings, const std::st
       log_printf("E-SEND", "Error sending packets: %s", std::strerror(errno));
       return kTransferSendFailed;
     }
-    log_printf("I-RAW", "sending FNAME %s, %d\n", name.c_str(), name_length);
+    log_printf("I-RAW", "sending FNAME %s, %d\n", log_escape(name).c_str(), name_length);
     if (!write_all(socket, name.data(), name.size())) {
       log_printf("E-SEND", "Error sending packets: %s", std::strerror(errno));
       return kTransferSendFailed;
     }
     if (int result = send_raw_bytes(socket, file.get(), size); result != kTransferOk) return result;
-    log_printf("I-SENT", "RAW data file %s sent, (%lld bytes of %lld bytes)", name.c_str(),
+    log_printf("I-SENT", "RAW data file %s sent, (%lld bytes of %lld bytes)", log_escape(name).c_str(),
                static_cast<long long>(size), static_cast<long long>(size));
     ++sent_files;
   }
   if (sent_files == 0) {
-    log_printf("E-OPEN", "Unable to open %s.zud-1", pattern.c_str());
+    log_printf("E-OPEN", "Unable to open %s.zud-1", log_escape(pattern).c_str());
     return kResultRawDataNotFound;
   }
   packet.fill(0);

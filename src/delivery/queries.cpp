@@ -46,7 +46,8 @@ int process_getversion_request(int fd, const AgentSettings&) {
 int get_diskspace_free_kb(const std::string& path, int64_t& out_kb) {
   out_kb = 0;
   if (free_space_kb(path, out_kb)) return 1;
-  log_printf("E-REQ-DISKSPACE", "statvfs(%s) error: %s", path.c_str(), std::strerror(errno));
+  const int err = errno;
+  log_printf("E-REQ-DISKSPACE", "statvfs(%s) error: %s", log_escape(path).c_str(), std::strerror(err));
   make_directories(path, 0744);
   if (free_space_kb(path, out_kb)) return 1;
   out_kb = 0;

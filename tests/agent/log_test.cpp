@@ -101,5 +101,15 @@ TEST_F(AgentLog, LinesFromConcurrentProcessesNeverInterleave) {
   EXPECT_EQ(count, kChildren * kLines);
 }
 
+TEST(LogEscape, OnlyPrintableAsciiStandsAsItIs) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"GET_AGENT_OS /opt/v-1_x~", "GET_AGENT_OS /opt/v-1_x~"},
+      {"a\nb\rc\td", "a\\nb\\rc\\td"},
+      {std::string("\0\x1b\x7f\x80\xff", 5), "\\x00\\x1b\\x7f\\x80\\xff"},
+      {"back\\slash", "back\\slash"},
+  };
+  for (const auto& [text, shown] : cases) EXPECT_EQ(log_escape(text), shown);
+}
+
 }  // namespace
 }  // namespace kova::test

@@ -18,6 +18,8 @@ namespace {
 
 using Protocol = AgentTest;
 
+constexpr const char* kForged = "X\nKOVAAGENT-E-FORGED,  \xff";
+
 TEST_F(Protocol, RepliesAreByteExactAndHostileInputNeverEndsTheAgent) {
   InstallTree tree;
   const std::string report = tree / ("tmp/kova_sysconf_" + tree.hostname() + ".dat");
@@ -47,6 +49,7 @@ TEST_F(Protocol, RepliesAreByteExactAndHostileInputNeverEndsTheAgent) {
       {tag + le16(65535), os},                               // reads as -1: no payload
       {tag + le16(100) + "short", ""},                       // payload ends early
       {tag.substr(0, 40) + "x", ""},                         // length field cut
+      {extended_packet(kForged, ""), "0800000000000000"},      // a tag that would write a line of its own
   };
   constexpr size_t kWave = 5;
   for (size_t first = 0; first < std::size(exchanges); first += kWave) {
@@ -84,6 +87,10 @@ TEST_F(Protocol, RepliesAreByteExactAndHostileInputNeverEndsTheAgent) {
   EXPECT_NE(log.find("W-BADPACKET,   Failed to read extended packet length"), std::string::npos);
   // Every extended request is logged before its length is read, bad packets too.
   EXPECT_EQ(occurrences(log, "I-REQ_EXTEND,  Extended Request GET_AGENT_OS  from"), 7u);
+  // The forged tag stays inside the lines that name it.
+  EXPECT_NE(log.find("Extended Request X\\nKOVAAGENT-E-FORGED,  \\xff  from 127.0.0.1\n"), std::string::npos);
+  EXPECT_NE(log.find("Unknown extended request X\\nKOVAAGENT-E-FORGED,  \\xff  from"), std::string::npos);
+  EXPECT_EQ(occurrences(log, "FORGED"), 2u);
 }
 
 TEST_F(Protocol, OnlyRegisteredServersAreServedBySubstring) {
