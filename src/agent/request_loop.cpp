@@ -9,8 +9,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 #include "agent/daemon.h"
+#include "base/clock.h"
 #include "agent/dispatch.h"
 #include "base/log.h"
 #include "agent/log_day.h"
@@ -39,17 +41,34 @@ void refuse_unregistered(UniqueFd connection, const std::string& address, const 
   (void)Socket_writen(connection.get(), reply.data(), 8);
 }
 
+void pause_accepting() {
+  timespec left{0, kAcceptPauseMs * 1000000L};
+  while (::nanosleep(&left, &left) != 0 && errno == EINTR) {
+  }
+}
+
 }  // namespace
+
+AcceptFailure judge_accept_failure(int err, std::time_t now, std::time_t& last_logged) {
+  if (err != EMFILE && err != ENFILE && err != ENOBUFS && err != ENOMEM) return {};
+  AcceptFailure failure{now != last_logged, true};
+  if (failure.log) last_logged = now;
+  return failure;
+}
 
 void request_loop(AgentState& state) {
   AgentSettings& settings = state.settings;
+  std::time_t shortage_logged = -1;
   for (;;) {
     sockaddr_in peer{};
     socklen_t peer_len = sizeof peer;
     UniqueFd connection(::accept4(state.listen_fd, reinterpret_cast<sockaddr*>(&peer), &peer_len, SOCK_CLOEXEC));
     if (!connection) {
-      log_printf("E-ACCEPT", "accept() error : %s", std::strerror(errno));
+      const int err = errno;
+      const AcceptFailure failure = judge_accept_failure(err, clock_now(), shortage_logged);
+      if (failure.log) log_printf("E-ACCEPT", "accept() error : %s", std::strerror(err));
       if (settings.use_lock == 1) ::unlink(settings.agent_lock_path.c_str());
+      if (failure.pause) pause_accepting();
       continue;
     }
     char text[INET_ADDRSTRLEN] = {};
