@@ -36,13 +36,16 @@ void refuse_account() {
   std::fprintf(stderr, "%s can be started or stopped only by an authorized account.\n", kProgramName);
 }
 
-// Takes on the service account for good; a failed switch ends the agent.
-void become_service_account(const AgentSettings& s) {
+// Takes on the service account for good: kova_relinquish_root's result (1
+// switched, 0 no such account, -1 the switch failed; each said on stderr).
+[[nodiscard]] int become_service_account(const AgentSettings& s) {
   priv_init(s.verbose);
   priv_on();
-  if (kova_relinquish_root(s.user) < 0) std::exit(1);
+  const int switched = kova_relinquish_root(s.user);
+  if (switched < 0) return switched;
   get_log_file_name_unix(s);
   ::chmod(log_state().logfile.c_str(), 0644);
+  return switched;
 }
 
 // The collector's and real-time agent's settings, as their files say.
@@ -71,6 +74,11 @@ int one_shot_purge(const AgentSettings& s) {
 }  // namespace
 
 int agent_main(int argc, char** argv) {
+  // The agent ends with _exit: a message left in a full buffer would never
+  // reach the file or pipe its output goes to. Standard error is unbuffered
+  // already.
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);
+
   AgentState state;
   AgentSettings& s = state.settings;
 
@@ -105,7 +113,7 @@ int agent_main(int argc, char** argv) {
       refuse_account();
       return 0;
     }
-    become_service_account(s);
+    if (become_service_account(s) < 0) return 1;
     int stopped = kova_stop(s.install_root, s.agent_lock_path, 1);
     kova_delete_existing_filesize_tempfile(s);
     return stopped;
@@ -130,7 +138,12 @@ int agent_main(int argc, char** argv) {
     return 0;
   }
 
-  become_service_account(s);
+  // An agent that cannot be the account it was told to be does not run on
+  // as root.
+  if (become_service_account(s) != 1) {
+    std::fprintf(stderr, "%s not started: unable to run as account %s\n", kProgramName, s.user.c_str());
+    return 1;
+  }
   (void)kova_getconfig(s, s.hostname, collector_state().dc_cmdline, rta_cmdline());  // written at every start
   priv_off();
 

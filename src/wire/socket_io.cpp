@@ -64,9 +64,12 @@ WireHooks& wire_hooks() {
 
 int Socket_Create(int port) {
   log_printf("I-SOCK", "Creating socket port %d", port);
-  UniqueFd sock(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  // A port beyond 16 bits would be cut to another one; no socket is made
+  // for it at all.
+  const bool port_valid = port >= 0 && port <= 65535;
+  UniqueFd sock(port_valid ? ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0) : -1);
   if (!sock) {
-    int err = errno;
+    int err = port_valid ? errno : EINVAL;
     log_printf("E-SOCKET", "error socket() call failed:  %s", std::strerror(err));
     std::fprintf(stderr, "%s-E-SOCKERR: ERROR creating socket: %s\n", "KOVA", std::strerror(err));
     std::fprintf(stderr, "%s-E-NOTSTARTED: %s agent not started\n", "KOVA", "KOVA");

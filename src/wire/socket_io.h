@@ -29,7 +29,8 @@ WireHooks& wire_hooks();
 // Creates an IPv4 stream socket bound to every local address on `port`,
 // with SO_REUSEADDR and SO_KEEPALIVE. Returns the descriptor (the caller
 // owns it and calls listen), or -1 after logging and printing to stderr,
-// with errno still telling the caller why.
+// with errno still telling the caller why. A port outside 0..65535 fails as
+// the socket call would, with EINVAL.
 [[nodiscard]] int Socket_Create(int port);
 
 // Writes all n bytes. Returns n, or the failing write's result (0 or -1)

@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <sstream>
 #include <string>
 #include <tuple>
@@ -141,8 +142,8 @@ TEST_F(Daemon, WithoutALockFileStatusAndStopFindTheAgentOfTheirOwnTreeByName) {
   EXPECT_EQ(agent.stop(0), 0);  // SIGINT from -stop ended it with status 0
 }
 
-TEST_F(Daemon, APortAlreadyHeldIsReportedAndTheAgentExitsZero) {
-  InstallTree tree;
+// Each ends without serving, says why on stderr and in the log, and exits as admins' scripts expect.
+TEST_F(Daemon, AStartThatCannotServeSaysWhyAndEnds) {
   // Held on every address, as another daemon would hold it.
   int holder = ::socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in addr{.sin_family = AF_INET, .sin_port = 0, .sin_addr = {htonl(INADDR_ANY)}, .sin_zero = {}};
@@ -150,17 +151,50 @@ TEST_F(Daemon, APortAlreadyHeldIsReportedAndTheAgentExitsZero) {
   ASSERT_EQ(::bind(holder, reinterpret_cast<sockaddr*>(&addr), len), 0);
   ASSERT_EQ(::listen(holder, 1), 0);
   ASSERT_EQ(::getsockname(holder, reinterpret_cast<sockaddr*>(&addr), &len), 0);
-  const int port = ntohs(addr.sin_port);
+  const std::string held = std::to_string(ntohs(addr.sin_port));
+  const std::string bind_error = "Error binding socket (port " + held + ") : Address already in use\n";
 
-  RunResult run = run_agent({"-rootdir", tree.root(), "-port", std::to_string(port), "-nofork", "-nolock"});
+  const struct {
+    std::vector<std::string> args;
+    int status;
+    std::string err, log;
+  } cases[] = {
+      {{"-port", held}, 0,
+       "KOVA-E-SOCK:  " + bind_error + "KOVA-E-NOTSTARTED: KOVA Agent not started\n" +
+           "kovaagent: Socket create failed!, Address already in use \n",
+       "KOVAAGENT-E-BIND,        " + bind_error},
+      // Beyond 16 bits: no socket at all, rather than one on the port's low 16 bits.
+      {{"-port", "70000"}, 0,
+       "KOVA-E-SOCKERR: ERROR creating socket: Invalid argument\nKOVA-E-NOTSTARTED: KOVA agent not started\n"
+       "kovaagent: Socket create failed!, Invalid argument \n",
+       "KOVAAGENT-E-SOCKET,      error socket() call failed:  Invalid argument\n"},
+      // Never on as root in place of an account that is not there.
+      {{"-port", std::to_string(free_port()), "-user", "kova_no_account"}, 1,
+       "kovaagent not started: unable to run as account kova_no_account\n", ""},
+  };
+  for (const auto& c : cases) {
+    InstallTree tree;
+    std::vector<std::string> args{"-rootdir", tree.root(), "-nofork", "-nolock"};
+    args.insert(args.end(), c.args.begin(), c.args.end());
+    const RunResult run = run_agent(args);
+    EXPECT_EQ(run.status, c.status) << c.args[1];
+    EXPECT_NE(run.err.find(c.err), std::string::npos) << run.err;
+    EXPECT_NE(tree.log().find(c.log), std::string::npos) << tree.log();
+    EXPECT_EQ(tree.log().find("I-STARTED"), std::string::npos) << c.args[1];
+  }
   ::close(holder);
-  EXPECT_EQ(run.status, 0);
-  std::string bind_error = "Error binding socket (port " + std::to_string(port) + ") : Address already in use\n";
-  EXPECT_NE(run.err.find("KOVA-E-SOCK:  " + bind_error + "KOVA-E-NOTSTARTED: KOVA Agent not started\n" +
-                         "kovaagent: Socket create failed!, Address already in use \n"),
-            std::string::npos)
-      << run.err;
-  EXPECT_NE(tree.log().find("KOVAAGENT-E-BIND,        " + bind_error), std::string::npos);
+}
+
+// Its standard output is a file that no one flushes for it when it ends.
+TEST_F(Daemon, AForegroundAgentsMessagesReachItsOutputBeforeItEnds) {
+  InstallTree tree;
+  RunningAgent agent(tree, free_port(), {"-nofork", "-nolock", "-verbose"});
+  ASSERT_TRUE(agent.started()) << agent.launch().err;
+  std::filesystem::remove_all(tree / "logs");
+  EXPECT_EQ(hex(round_trip(agent.port(), request_packet(14))), "0a00060000000000");
+  EXPECT_EQ(agent.stop(SIGTERM), 0);
+  EXPECT_NE(agent.out().find("KOVAAGENT-E-OPEN: Unable to open log " + tree.root() + "/logs/"), std::string::npos)
+      << agent.out();
 }
 
 }  // namespace
