@@ -7,6 +7,7 @@
 #include "base/log.h"
 #include "delivery/file_transfer.h"
 #include "housekeeping/getconfig.h"
+#include "platform/files.h"
 #include "wire/socket_io.h"
 
 namespace kova {
@@ -32,6 +33,8 @@ int regenerate_report(const AgentSettings& settings, const std::string& host, co
 int process_config_request(int fd, const AgentSettings& settings, const std::string&, const PacketBuffer&,
                            PacketBuffer& buffer) {
   const std::string path = config_report_path(settings, settings.hostname);
+  // Requests for the report take turns: none may send or remove another's.
+  const WorkFileLock turn(path);
   // A report that could not be written is not an error of its own: the
   // transfer announces the missing file with an empty header.
   (void)regenerate_report(settings, settings.hostname, path);
@@ -59,7 +62,9 @@ int process_config_node_request(int fd, const AgentSettings& settings, const std
   }
 
   const std::string path = config_report_path(settings, host);
+  WorkFileLock turn;
   if (host == settings.hostname) {
+    turn = WorkFileLock(path);  // the report of this host is also opcode 15's
     if (regenerate_report(settings, host, path) < 1)
       log_printf("W-GET_CONFIG", "Unable to generate config file for %s...", shown.c_str());
   } else {

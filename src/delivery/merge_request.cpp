@@ -27,7 +27,9 @@ int serve_merge(int socket, const AgentSettings& settings, const std::string& pe
   if (settings.verbose == 1) log_printf("I-MEM_FOUNDMEM", "Found %s", settings.memory_file_path.c_str());
 
   std::string merg, proc;
-  if (int result = create_merg_file(settings, peer, start, end, merg, proc); result != kResultOk) return result;
+  WorkFileLock turn;  // held until both work files are sent and gone
+  if (int result = create_merg_file(settings, peer, start, end, merg, proc, &turn); result != kResultOk)
+    return result;
   const int result = send_ascii_file(socket, settings, merg, buffer, kTransferBlockSize);
   if (settings.keep_perf == 0) {
     log_printf("I-MERG_DEL", "Delete .MERG  %s", merg.c_str());
@@ -62,7 +64,8 @@ std::span<const unsigned char> payload_bytes(const unsigned char* payload, int l
 }  // namespace
 
 int create_merg_file(const AgentSettings& settings, const std::string& peer, const std::string& start,
-                     const std::string& end, std::string& merg_path_out, std::string& proc_path_out) {
+                     const std::string& end, std::string& merg_path_out, std::string& proc_path_out,
+                     WorkFileLock* turn) {
   std::string date, when;
   if (formatDataFileTime(start, date, 1) != 1 || !is_request_time(end)) return kResultBadPacket;
   if (settings.remote == 1)
@@ -94,6 +97,7 @@ int create_merg_file(const AgentSettings& settings, const std::string& peer, con
     if (settings.verbose == 1) log_printf("I-IMGNOTFND", "%s not found", tool.c_str());
     return kResultAnalyzeNotInstalled;
   }
+  if (turn != nullptr) *turn = WorkFileLock(proc_path_out);
   // A ".merg" kept from an earlier request must not stand in for one the
   // tool failed to write.
   (void)::unlink(merg_path_out.c_str());

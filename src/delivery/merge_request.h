@@ -6,6 +6,7 @@
 
 #include <string>
 
+#include "platform/files.h"
 #include "settings/agent_settings.h"
 #include "wire/packet.h"
 
@@ -19,9 +20,12 @@ namespace kova {
 // out parameters. Returns 0 once the tool was tried, even when it could
 // not be started (the transfer then finds no ".merg" file); 12 when the
 // data file is missing, 13 when the tool is (nothing run); 9 when a time
-// is not well formed.
+// is not well formed. With `turn`, the lock on the ".proc" name (which
+// requests from every server for the range share) is taken before either
+// file is touched and left to the caller to hold until both are gone.
 [[nodiscard]] int create_merg_file(const AgentSettings& settings, const std::string& peer, const std::string& start,
-                                   const std::string& end, std::string& merg_path_out, std::string& proc_path_out);
+                                   const std::string& end, std::string& merg_path_out, std::string& proc_path_out,
+                                   WorkFileLock* turn = nullptr);
 
 // The "<MERG>" extended request. Waits kDataRequestPause seconds
 // (clock_sleep); payload: start (18 bytes), end (18 bytes), texts of the

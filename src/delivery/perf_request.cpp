@@ -181,7 +181,7 @@ std::string perf_data_file_name(const std::string& host, const std::string& os, 
 
 int create_perf_file(const AgentSettings& settings, const std::string& peer, const std::string& host,
                      const std::string& os, const std::string& start, const std::string& end,
-                     std::string& perf_path_out) {
+                     std::string& perf_path_out, WorkFileLock* turn) {
   std::string date, when;
   if (formatDataFileTime(start, date, 1) != 1 || !is_request_time(end)) return kResultBadPacket;
   if (settings.remote == 1)
@@ -201,6 +201,7 @@ int create_perf_file(const AgentSettings& settings, const std::string& peer, con
     log_printf("E-PERF_ZUD_NOT_FND", "Data file not found: %s", log_escape(data_file).c_str());
     return kResultRawDataNotFound;
   }
+  if (turn != nullptr) *turn = WorkFileLock(perf_path_out);
   // A work file kept from an earlier request must not be sent in place of
   // one the tool failed to write.
   (void)::unlink(perf_path_out.c_str());
@@ -245,7 +246,9 @@ int process_perf_request(int socket, const AgentSettings& settings, const std::s
 
   if (int result = check_memory_file(settings); result != kResultOk) return result;
   std::string perf;
-  if (int result = create_perf_file(settings, peer, settings.hostname, "", start, end, perf); result != kResultOk)
+  WorkFileLock turn;  // held until the work file is sent and gone
+  if (int result = create_perf_file(settings, peer, settings.hostname, "", start, end, perf, &turn);
+      result != kResultOk)
     return result;
   return send_perf_file(socket, settings, perf, buffer);
 }
@@ -295,8 +298,11 @@ int process_perf_node_request(int socket, const AgentSettings& settings, const s
 
   if (int result = check_memory_file(settings); result != kResultOk) return result;
   std::string perf;
-  if (int result = create_perf_file(settings, peer, host, os, start, end, perf); result != kResultOk) return result;
+  WorkFileLock turn;  // held until the work file is sent and gone
+  if (int result = create_perf_file(settings, peer, host, os, start, end, perf, &turn); result != kResultOk)
+    return result;
   const int result = send_perf_file(socket, settings, perf, buffer);
+  turn = WorkFileLock();
 
   // The data was extracted, so the host's old files may go whether or not
   // the server took the bytes.

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/files.h"
 #include "settings/agent_settings.h"
 #include "wire/packet.h"
 
@@ -60,9 +61,11 @@ std::string perf_data_file_name(const std::string& host, const std::string& os, 
 // "/". Returns 0 when the tool ran (a tool that wrote nothing shows up as
 // a failed transfer), 12 when the data file does not exist (nothing run),
 // 16 when the tool could not be started, 9 when a time is not well formed.
+// With `turn`, the work file's lock is taken before the file is touched and
+// left to the caller to hold until it has sent and removed the file.
 [[nodiscard]] int create_perf_file(const AgentSettings& settings, const std::string& peer, const std::string& host,
                                    const std::string& os, const std::string& start, const std::string& end,
-                                   std::string& perf_path_out);
+                                   std::string& perf_path_out, WorkFileLock* turn = nullptr);
 
 // ---- request handlers
 

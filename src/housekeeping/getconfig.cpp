@@ -36,8 +36,8 @@ void data_disk_space(const std::string& path, double& total_mb, double& free_mb)
   free_mb = static_cast<double>(fs.f_bavail) * fragment / 1024.0 / 1024.0;
 }
 
-void value_line(std::FILE* out, const char* name, const std::string& value) {
-  std::fprintf(out, "%s:%s\n", name, value.c_str());
+void value_line(std::string& out, const char* name, const std::string& value) {
+  out.append(name).append(":").append(value).append("\n");
 }
 
 }  // namespace
@@ -141,72 +141,78 @@ int get_processor_config(ProcessorConfig& processor) {
   return 1;
 }
 
+namespace {
+
+// The report's text.
+std::string report_text(const InstallConfig& install, const SystemConfig& system, const ProcessorConfig& processor) {
+  std::string out;
+  out += "<CONFIG>\n";
+  out += "ConfigVersion:1\n";
+  out += "<SYSTEM>\n";
+  value_line(out, "SystemName", system.name);
+  value_line(out, "SystemSerialNumber", system.serial_number);
+  value_line(out, "SystemModel", system.model);
+  value_line(out, "SystemVendor", system.vendor);
+  out += string_printf("%s:%d\n", "SystemProcessorCount", system.processor_count);
+  out += string_printf("%s:%d\n", "SystemDiskCount", system.disk_count);
+  out += string_printf("%s:%.0f:MB\n", "SystemMemoryTotalCapacity", system.memory_total_mb);
+  out += string_printf("%s:%.0f\n", "SystemDiskTotalCapacity", system.disk_total_capacity);
+  value_line(out, "SystemOS", system.os);
+  value_line(out, "SystemOSversion", system.os_version);
+  out += "<ENDSYSTEM>\n";
+
+  if (processor.valid) {
+    out += "<PROCESSOR>\n";
+    value_line(out, "ProcessorName", processor.name);
+    value_line(out, "ProcessorDesc", processor.description);
+    value_line(out, "ProcessorManufacturer", processor.manufacturer);
+    value_line(out, "ProcessorMaxClock", processor.max_clock);
+    value_line(out, "ProcessorExtClock", "");
+    out += string_printf("%s:%d\n", "ProcessorDataWidth", processor.data_width);
+    value_line(out, "ProcessorArchitecture", processor.architecture);
+    value_line(out, "ProcessorVersion", "");
+    value_line(out, "ProcessorFamily", processor.name);
+    out += "<ENDPROCESSOR>\n";
+  }
+
+  out += "<VANTREL>\n";
+  value_line(out, "CollectorName", install.collector_name);
+  value_line(out, "CollectorVersion", install.collector_version);
+  value_line(out, "CollectorVerbose", install.collector_verbose);
+  value_line(out, "CollectorRetain", install.collector_retain);
+  value_line(out, "CollectorScan", install.collector_scan);
+  value_line(out, "CollectorWrite", install.collector_write);
+  value_line(out, "CollectorBuffers", install.collector_buffers);
+  value_line(out, "CollectorDataPath", install.collector_data_path);
+  value_line(out, "CollectorDataDiskSpaceTotal", install.collector_data_disk_total);
+  value_line(out, "CollectorDataDiskSpaceFree", install.collector_data_disk_free);
+  value_line(out, "CollectorDataAveSize", install.collector_data_ave_size);
+  value_line(out, "AgentVersion", install.agent_version);
+  value_line(out, "AgentVerbose", install.agent_verbose);
+  value_line(out, "AgentPort", install.agent_port);
+  value_line(out, "AgentKovaServer", install.agent_server);
+  value_line(out, "RealtimeInstalled", install.realtime_installed);
+  value_line(out, "RealtimeVersion", install.realtime_version);
+  value_line(out, "RealtimeVerbose", install.realtime_verbose);
+  value_line(out, "RealtimeProcesses", install.realtime_processes);
+  value_line(out, "RealtimeAlerts", install.realtime_alerts);
+  value_line(out, "RealtimeScan", install.realtime_scan);
+  value_line(out, "RealtimePort", install.realtime_port);
+  out += "<ENDVANTREL>\n";
+  out += "<ENDCONFIG>\n";
+
+  return out;
+}
+
+}  // namespace
+
 int write_config(const AgentSettings& settings, const InstallConfig& install, const SystemConfig& system,
                  const ProcessorConfig& processor, const std::string& path) {
   const std::string file = path.empty() ? config_report_path(settings, settings.hostname) : path;
-  UniqueFile out(std::fopen(file.c_str(), "we"));
-  if (!out) return 0;
-  std::FILE* f = out.get();
-
-  std::fputs("<CONFIG>\n", f);
-  std::fputs("ConfigVersion:1\n", f);
-  std::fputs("<SYSTEM>\n", f);
-  value_line(f, "SystemName", system.name);
-  value_line(f, "SystemSerialNumber", system.serial_number);
-  value_line(f, "SystemModel", system.model);
-  value_line(f, "SystemVendor", system.vendor);
-  std::fprintf(f, "%s:%d\n", "SystemProcessorCount", system.processor_count);
-  std::fprintf(f, "%s:%d\n", "SystemDiskCount", system.disk_count);
-  std::fprintf(f, "%s:%.0f:MB\n", "SystemMemoryTotalCapacity", system.memory_total_mb);
-  std::fprintf(f, "%s:%.0f\n", "SystemDiskTotalCapacity", system.disk_total_capacity);
-  value_line(f, "SystemOS", system.os);
-  value_line(f, "SystemOSversion", system.os_version);
-  std::fputs("<ENDSYSTEM>\n", f);
-
-  if (processor.valid) {
-    std::fputs("<PROCESSOR>\n", f);
-    value_line(f, "ProcessorName", processor.name);
-    value_line(f, "ProcessorDesc", processor.description);
-    value_line(f, "ProcessorManufacturer", processor.manufacturer);
-    value_line(f, "ProcessorMaxClock", processor.max_clock);
-    value_line(f, "ProcessorExtClock", "");
-    std::fprintf(f, "%s:%d\n", "ProcessorDataWidth", processor.data_width);
-    value_line(f, "ProcessorArchitecture", processor.architecture);
-    value_line(f, "ProcessorVersion", "");
-    value_line(f, "ProcessorFamily", processor.name);
-    std::fputs("<ENDPROCESSOR>\n", f);
-  }
-
-  std::fputs("<VANTREL>\n", f);
-  value_line(f, "CollectorName", install.collector_name);
-  value_line(f, "CollectorVersion", install.collector_version);
-  value_line(f, "CollectorVerbose", install.collector_verbose);
-  value_line(f, "CollectorRetain", install.collector_retain);
-  value_line(f, "CollectorScan", install.collector_scan);
-  value_line(f, "CollectorWrite", install.collector_write);
-  value_line(f, "CollectorBuffers", install.collector_buffers);
-  value_line(f, "CollectorDataPath", install.collector_data_path);
-  value_line(f, "CollectorDataDiskSpaceTotal", install.collector_data_disk_total);
-  value_line(f, "CollectorDataDiskSpaceFree", install.collector_data_disk_free);
-  value_line(f, "CollectorDataAveSize", install.collector_data_ave_size);
-  value_line(f, "AgentVersion", install.agent_version);
-  value_line(f, "AgentVerbose", install.agent_verbose);
-  value_line(f, "AgentPort", install.agent_port);
-  value_line(f, "AgentKovaServer", install.agent_server);
-  value_line(f, "RealtimeInstalled", install.realtime_installed);
-  value_line(f, "RealtimeVersion", install.realtime_version);
-  value_line(f, "RealtimeVerbose", install.realtime_verbose);
-  value_line(f, "RealtimeProcesses", install.realtime_processes);
-  value_line(f, "RealtimeAlerts", install.realtime_alerts);
-  value_line(f, "RealtimeScan", install.realtime_scan);
-  value_line(f, "RealtimePort", install.realtime_port);
-  std::fputs("<ENDVANTREL>\n", f);
-  std::fputs("<ENDCONFIG>\n", f);
-
-  // A report cut short by a full disk would mislead the server more than
-  // none at all; the caller still sends whatever is there.
-  const bool failed = std::ferror(f) != 0;
-  return out.close() == 0 && !failed ? 1 : 0;
+  // The server may fetch the report while it is rewritten: it is written
+  // aside and takes the old one's place whole. One cut short by a full
+  // disk would mislead the server more than the old one.
+  return replace_file(file, report_text(install, system, processor)) == 0 ? 1 : 0;
 }
 
 int kova_getconfig(const AgentSettings& settings, const std::string& host, const DcSettings& dc,

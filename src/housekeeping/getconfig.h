@@ -92,9 +92,10 @@ int get_install_config(const AgentSettings& settings, const DcSettings& dc, cons
 int get_system_config(SystemConfig& system);
 int get_processor_config(ProcessorConfig& processor);
 
-// Creates or truncates `path` (config_report_path(settings,
-// settings.hostname) when empty) and writes the report. 1 when written and
-// closed; 0 when the file cannot be opened or written (no message).
+// Writes the report to `path` (config_report_path(settings,
+// settings.hostname) when empty): aside first, then in the old one's
+// place, so a reader never sees part of one. 1 when written; 0 when it
+// could not be written whole (no message), `path` then as it was.
 [[nodiscard]] int write_config(const AgentSettings& settings, const InstallConfig& install,
                                const SystemConfig& system, const ProcessorConfig& processor,
                                const std::string& path = {});

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <utility>
 
 #include "platform/unique.h"
 
@@ -78,6 +79,20 @@ std::string write_temporary(const std::string& path, std::string_view content, m
   return temp;
 }
 
+// Lock bytes per directory: plenty for the work files requests make at
+// once, few enough that the lock file stays empty.
+constexpr uint64_t kLockBytes = uint64_t{1} << 20;
+
+// FNV-1a: the same byte for the same name in every process of every build.
+uint64_t name_hash(const std::string& name) {
+  uint64_t hash = 14695981039346656037ull;
+  for (const char c : name) {
+    hash ^= static_cast<unsigned char>(c);
+    hash *= 1099511628211ull;
+  }
+  return hash;
+}
+
 }  // namespace
 
 int replace_file(const std::string& path, std::string_view content, mode_t mode) {
@@ -100,6 +115,23 @@ int create_file_exclusive(const std::string& path, std::string_view content, mod
   error = ::link(temp.c_str(), path.c_str()) == 0 ? 0 : errno;
   (void)::unlink(temp.c_str());
   return error;
+}
+
+WorkFileLock::WorkFileLock(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+  UniqueFd fd(::open((dir + "/.kova_work.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644));
+  if (!fd) return;
+  // An open-file-description lock: it belongs to this descriptor alone, so
+  // a program started meanwhile neither holds nor releases it.
+  struct flock byte {};
+  byte.l_type = F_WRLCK;
+  byte.l_whence = SEEK_SET;
+  byte.l_start = static_cast<off_t>(name_hash(path.substr(slash + 1)) % kLockBytes);
+  byte.l_len = 1;
+  while (::fcntl(fd.get(), F_OFD_SETLKW, &byte) != 0)
+    if (errno != EINTR) return;
+  fd_ = std::move(fd);
 }
 
 }  // namespace kova

@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/unique.h"
+
 namespace kova {
 
 // True when `path` names an existing file or directory (links followed).
@@ -48,5 +50,23 @@ void make_directories(const std::string& path, mode_t mode);
 // a temporary file first, then linked into place, which fails with EEXIST
 // when `path` exists. Returns 0 or errno.
 [[nodiscard]] int create_file_exclusive(const std::string& path, std::string_view content, mode_t mode);
+
+// An exclusive advisory lock on a work file's name, held for the object's
+// lifetime: requests that make, send and remove the same work file take
+// turns, so that none sends, truncates or deletes another's. The locks
+// live in one file per directory, ".kova_work.lock", each on a byte chosen
+// by the name, so that requests for other names go on side by side (two
+// names that land on one byte merely take turns). Where that file cannot
+// be opened (a directory the account may not write) nothing is locked.
+class WorkFileLock {
+ public:
+  WorkFileLock() = default;
+  // Waits for the turn of the file at `path`.
+  explicit WorkFileLock(const std::string& path);
+  bool held() const { return fd_.valid(); }
+
+ private:
+  UniqueFd fd_;
+};
 
 }  // namespace kova

@@ -68,12 +68,19 @@ TEST_F(Protocol, RepliesAreByteExactAndHostileInputNeverEndsTheAgent) {
   const std::string space = round_trip(port, extended_packet("<DISKSPACE>", tree.root()));
   ASSERT_EQ(space.size(), 40u);
   EXPECT_GT(std::stol(space.substr(8)), 0);  // free megabytes of the tree's file system
-  // The configuration report: its header, as much as it holds, then it is removed.
-  const std::string sent = round_trip(port, request_packet(15));
-  ASSERT_GE(sent.size(), 8u);
-  const int size = static_cast<int>(sent.size()) - 8;
-  EXPECT_EQ(hex(sent.substr(0, 8)), hex(le16(6) + le16(size / 522) + le16(0) + le16(size % 522)));
-  EXPECT_EQ(sent.substr(8, 40), written.substr(0, 40));
+  // The configuration report, asked for eight times at once: each reply its header and the whole report;
+  // afterwards the report is removed.
+  std::vector<std::future<std::string>> reports;
+  for (int i = 0; i < 8; ++i)
+    reports.push_back(std::async(std::launch::async, [&] { return round_trip(port, request_packet(15)); }));
+  for (auto& report_reply : reports) {
+    const std::string sent = report_reply.get();
+    ASSERT_GE(sent.size(), 8u);
+    const int size = static_cast<int>(sent.size()) - 8;
+    EXPECT_EQ(hex(sent.substr(0, 8)), hex(le16(6) + le16(size / 522) + le16(0) + le16(size % 522)));
+    EXPECT_EQ(sent.substr(8, 40), written.substr(0, 40));
+    EXPECT_TRUE(sent.ends_with("<ENDVANTREL>\n<ENDCONFIG>\n")) << sent;
+  }
   EXPECT_FALSE(file_exists(report));
 
   const std::string log = tree.log();
