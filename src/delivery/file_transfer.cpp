@@ -167,8 +167,8 @@ int send_ascii_file(int socket, const AgentSettings& settings, const std::string
     return kTransferReadFailed;
   }
   file.reset();
-  log_printf("I-SENT", "File (%s) transfered. (%lld of %lld bytes)", log_escape(path).c_str(), static_cast<long long>(sent),
-             static_cast<long long>(size));
+  log_printf("I-SENT", "File (%s) transfered. (%lld of %lld bytes)", log_escape(path).c_str(),
+             static_cast<long long>(sent), static_cast<long long>(size));
   return kTransferOk;
 }
 

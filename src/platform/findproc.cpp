@@ -3,9 +3,9 @@
 #include <dirent.h>
 #include <fcntl.h>
 
+#include <cerrno>
 #include <climits>
 #include <cstdlib>
-#include <cerrno>
 #include <cstring>
 #include <vector>
 

@@ -72,7 +72,8 @@ TEST_F(Components, CollectorStartsReportsAndStopsOnRequestAndKeepsAHandWrittenRa
 
 TEST_F(Components, RealTimeAndSearchAgentsStartStopAndReport) {
   InstallTree tree;
-  RunningAgent agent(tree, free_port(), {}, {"SORLEX_LIBRARY=" + tree.root(), "KOVA_STANDIN_FDS=" + tree.root()});
+  RunningAgent agent(tree, free_port(), {},
+                     {"SORLEX_LIBRARY=" + tree.root(), "KOVA_STANDIN_FDS=" + tree.root()});
   ASSERT_TRUE(agent.started());
   int port = agent.port();
   // Not installed: every operation answers 5.

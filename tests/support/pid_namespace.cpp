@@ -1,26 +1,26 @@
 #include "support/pid_namespace.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <grp.h>
 #include <poll.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
-#include <sys/syscall.h>
 #include <sys/prctl.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <grp.h>
 
 #include <cerrno>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <sstream>
-
-#include <dirent.h>
 
 extern char** environ;
 
@@ -29,7 +29,7 @@ namespace {
 
 PidNamespace* g_current = nullptr;
 
-// What init tells the test, one message each.
+// What the namespace tells the test, one message each.
 struct Report {
   char kind;          // 'R' ready (or not), 'S' spawned, 'X' exited
   int32_t pid;        // the namespace's pid
@@ -38,7 +38,8 @@ struct Report {
   char what[40];      // R: the step that failed
 };
 
-// The descriptor init and the launcher keep their end of the channel on.
+// The descriptor on which the launcher, init and the nursery keep their end
+// of the channel.
 constexpr int kChannelFd = 3;
 // A descriptor every started program inherits, as from a careless parent:
 // the agent must pass it on to nothing it starts.
@@ -47,8 +48,9 @@ constexpr size_t kMessageMax = 65536;
 constexpr size_t kArgsMax = 256;
 constexpr size_t kEnvMax = 2048;
 
-// The launcher, init and the programs init starts are forks of a test
-// process that may have run threads: from here to exec they use no heap.
+// The launcher, init, the nursery and the programs it starts are forks of a
+// test process that may have run threads: from here to exec they use no
+// heap.
 
 void report(char kind, int32_t pid, int32_t value, const char* what = "", uint64_t inode = 0) {
   Report r{};
@@ -62,7 +64,7 @@ void report(char kind, int32_t pid, int32_t value, const char* what = "", uint64
 
 int exit_status(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status); }
 
-// ---- a program started by init: its standard descriptors, one stray, the
+// ---- a program started by the nursery: its standard descriptors, one stray, the
 // environment with the test's additions, the account, exec.
 [[noreturn]] void start_program(char* message, size_t size) {
   char* cursor = message;
@@ -251,7 +253,7 @@ PidNamespace::PidNamespace() {
   pollfd p{ends[0], POLLIN, 0};
   if (::poll(&p, 1, 10000) != 1 || ::recv(ends[0], &r, sizeof r, 0) != static_cast<ssize_t>(sizeof r) ||
       r.kind != 'R') {
-    why_ = "the namespace's init did not report";
+    why_ = "the namespace did not report";
   } else if (r.value != 0) {
     why_ = std::string(r.what) + ": " + std::strerror(r.value);
   } else {
