@@ -110,15 +110,15 @@ int get_unix_path(std::string_view path, std::string& dir_out, std::string& name
   name_out.clear();
   const size_t slash = path.rfind('/');
   if (slash == std::string_view::npos || slash == 0) {
-    if (verbose) log_printf("E-KOVA_GET_PATH", "Validate AppData Path: unable to parse path: %.*s",
-                            static_cast<int>(path.size()), path.data());
+    if (verbose)
+      log_printf("E-KOVA_GET_PATH", "Validate AppData Path: unable to parse path: %s", log_escape(path).c_str());
     return 0;
   }
   name_out = path.substr(slash + 1);
   dir_out = path.substr(0, slash);
   if (dir_out.ends_with('/')) dir_out.pop_back();
   LibTrim1(dir_out);
-  if (verbose) log_printf("I-KOVA_GET_PATH", "Get Path: %s", dir_out.c_str());
+  if (verbose) log_printf("I-KOVA_GET_PATH", "Get Path: %s", log_escape(dir_out).c_str());
   return 1;
 }
 
@@ -128,14 +128,14 @@ int get_vms_path(std::string_view path, std::string& dir_out, std::string& name_
   size_t sep = path.rfind(']');
   if (sep == std::string_view::npos) sep = path.rfind(':');
   if (sep == std::string_view::npos || sep == 0) {
-    if (verbose) log_printf("E-KOVA_GET_PATH", "Validate AppData Path: unable to parse path: %.*s",
-                            static_cast<int>(path.size()), path.data());
+    if (verbose)
+      log_printf("E-KOVA_GET_PATH", "Validate AppData Path: unable to parse path: %s", log_escape(path).c_str());
     return 0;
   }
   name_out = path.substr(sep + 1);
   dir_out = path.substr(0, sep + 1);
   LibTrim1(dir_out);
-  if (verbose) log_printf("I-KOVA_GET_PATH", "Get Path: %s", dir_out.c_str());
+  if (verbose) log_printf("I-KOVA_GET_PATH", "Get Path: %s", log_escape(dir_out).c_str());
   return 1;
 }
 
@@ -163,7 +163,7 @@ int appdata_find_files(std::vector<std::string>& found, const std::string& regis
   if (!listing) {
     const int error = errno;
     if (list_fd >= 0) ::close(list_fd);
-    log_printf("E-OPENDIR", "Not able to open %s, %s", dir.c_str(), std::strerror(error));
+    log_printf("E-OPENDIR", "Not able to open %s, %s", log_escape(dir).c_str(), std::strerror(error));
     return kResultAppDataNotOpened;
   }
   if (!same_directory(dir_fd.get(), dir, *registered)) {
@@ -180,7 +180,10 @@ int appdata_find_files(std::vector<std::string>& found, const std::string& regis
     if (!dated_and_suffixed(name, styles, suffix, use_dates)) continue;
     struct stat st;
     if (::fstatat(dir_fd.get(), entry->d_name, &st, 0) != 0) {
-      if (verbose) log_printf("W-STATFAIL", "Not able to stat() file %s, %s", entry->d_name, std::strerror(errno));
+      const int error = errno;
+      if (verbose)
+        log_printf("W-STATFAIL", "Not able to stat() file %s, %s", log_escape(entry->d_name).c_str(),
+                   std::strerror(error));
       continue;
     }
     // Only files are sent: a directory cannot be, and a pipe would hold

@@ -70,8 +70,8 @@ int process_appdata_request(int socket, const AgentSettings& settings, const std
   log_printf("I-APPDATA_VAL", "Received:  Purge  %d", f.purge);
   log_printf("I-APPDATA_VAL", "Received:  Append Time  %d", f.append_time);
   log_printf("I-APPDATA_VAL", "Received:  Append Suffix  %d", f.append_suffix);
-  log_printf("I-APPDATA_VAL", "Received:  Suffix  %s", f.suffix.c_str());
-  log_printf("I-APPDATA_VAL", "Received:  AppFile  %s", f.app_file.c_str());
+  log_printf("I-APPDATA_VAL", "Received:  Suffix  %s", log_escape(f.suffix).c_str());
+  log_printf("I-APPDATA_VAL", "Received:  AppFile  %s", log_escape(f.app_file).c_str());
 
   (void)appdata_build_time_filters(f.day);
   std::vector<std::string> found;
@@ -107,11 +107,11 @@ int process_appdata_request(int socket, const AgentSettings& settings, const std
 
     result = send_ascii_file(socket, settings, file, buffer, kTransferBlockSize);
     if (result != kTransferOk)
-      log_printf("E-APPDATA_SEND", "Error sending %s", name.c_str());
+      log_printf("E-APPDATA_SEND", "Error sending %s", log_escape(name).c_str());
     else
-      log_printf("I-APPDATA_SENT", "Sent %s", name.c_str());
+      log_printf("I-APPDATA_SENT", "Sent %s", log_escape(name).c_str());
     if (compressed) {
-      log_printf("I-APPDATA_DEL", "Deleting compressed file %s", file.c_str());
+      log_printf("I-APPDATA_DEL", "Deleting compressed file %s", log_escape(file).c_str());
       (void)delete_file(file);
     }
   }

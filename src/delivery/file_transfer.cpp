@@ -246,7 +246,7 @@ int compress_file(const std::string& command_template, const std::string& file_n
   if (extension != nullptr) *extension = ext;
   ::unlink(out_name.c_str());
 
-  log_printf("I-COMPRESS", "Running, %s", shown.c_str());
+  log_printf("I-COMPRESS", "Running, %s", log_escape(shown).c_str());
   // The operator's command line is the interface here, so a shell runs it;
   // the one value from outside, the file name, is quoted above.
   std::string output;

@@ -25,20 +25,22 @@ std::time_t purge_cutoff(int days) {
 
 int purge_file(const std::string& directory, const std::string& prefix, const std::string& extension,
                std::time_t cutoff, int verbose) {
-  if (verbose) log_printf("I-PURGE", "Checking data files for purge in %s", directory.c_str());
+  // The directory and names may come from a request: shown escaped.
+  const std::string shown = log_escape(directory);
+  if (verbose) log_printf("I-PURGE", "Checking data files for purge in %s", shown.c_str());
 
   // Works relative to a descriptor of the directory rather than changing
   // the process's working directory.
   UniqueFd dir_fd(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!dir_fd) {
-    log_printf("E-PURGE", "Unable to change directory to %s, %s", directory.c_str(), std::strerror(errno));
+    log_printf("E-PURGE", "Unable to change directory to %s, %s", shown.c_str(), std::strerror(errno));
     return 0;
   }
   int list_fd = ::dup(dir_fd.get());
   UniqueDir dir(list_fd >= 0 ? ::fdopendir(list_fd) : nullptr);
   if (!dir) {
     if (list_fd >= 0) ::close(list_fd);
-    log_printf("E-PURGE", "Unable to open directory %s, %s", directory.c_str(), std::strerror(errno));
+    log_printf("E-PURGE", "Unable to open directory %s, %s", shown.c_str(), std::strerror(errno));
     return 0;
   }
 
@@ -48,7 +50,7 @@ int purge_file(const std::string& directory, const std::string& prefix, const st
 
     struct stat st;
     if (::fstatat(dir_fd.get(), entry->d_name, &st, 0) != 0) {
-      log_printf("E-STAT_FAIL", "Unable to stat() folder %s \n", entry->d_name);
+      log_printf("E-STAT_FAIL", "Unable to stat() folder %s \n", log_escape(entry->d_name).c_str());
       continue;
     }
     if (st.st_mtime > cutoff) continue;
@@ -57,12 +59,14 @@ int purge_file(const std::string& directory, const std::string& prefix, const st
     if (dot == std::string_view::npos || dot == 0) continue;
     if (!name.substr(dot).starts_with(extension)) continue;
 
-    if (verbose) log_printf("I-PURGE_CHECK_FILE", "Checking data file %s  against  %s  ", entry->d_name, prefix.c_str());
+    if (verbose) log_printf("I-PURGE_CHECK_FILE", "Checking data file %s  against  %s  ",
+                            log_escape(entry->d_name).c_str(), log_escape(prefix).c_str());
     if (!name.starts_with(prefix)) continue;
 
-    log_printf("I-DEL_DATA", "Deleting data file %s", entry->d_name);
+    const std::string shown_name = log_escape(entry->d_name);
+    log_printf("I-DEL_DATA", "Deleting data file %s", shown_name.c_str());
     if (::unlinkat(dir_fd.get(), entry->d_name, 0) != 0)
-      log_printf("E-DEL_DATA", "error deleting  %s,  %s", std::strerror(errno), entry->d_name);
+      log_printf("E-DEL_DATA", "error deleting  %s,  %s", std::strerror(errno), shown_name.c_str());
   }
   return 1;
 }

@@ -14,6 +14,8 @@
 namespace kova::test {
 namespace {
 
+using AppData = AgentTest;
+
 std::string transfer(const std::string& content) {
   return le16(6) + le16(static_cast<int>(content.size() / 522)) + le16(0) + le16(content.size() % 522) + content;
 }
@@ -23,7 +25,7 @@ std::string request(const std::string& path, int purge, int by_day, const std::s
          padded(suffix, 12) + path;
 }
 
-TEST(AppData, RegisteredFilesOfOneDayAndSuffixArriveInListOrderAndOldOnesArePurged) {
+TEST_F(AppData, RegisteredFilesOfOneDayAndSuffixArriveInListOrderAndOldOnesArePurged) {
   InstallTree tree;
   TempDir apps;
   write_file(tree / "settings/date_formats.txt", "YYYYMMDD\nDD-Mmm-YYYY\n");
