@@ -46,8 +46,10 @@ bool is_decimal(const std::string& text) {
 void run_update_tool(const std::string& log_file_path, const std::string& directory,
                      const std::vector<std::string>& argv) {
   std::string output;
-  if (run_program_in(directory, argv, output) != 1)
-    update_log(log_file_path, "Unable to run %s : %s", argv[0].c_str(), std::strerror(errno));
+  if (run_program_in(directory, argv, output) != 1) {
+    const char* reason = std::strerror(errno);
+    update_log(log_file_path, "Unable to run %s : %s", log_escape(argv[0]).c_str(), reason);
+  }
 }
 
 // The launcher the `at` job runs, written whole under a temporary name and
@@ -138,7 +140,8 @@ int receive_bin_file(const std::string& log_file_path, int socket, size_t block_
   const std::string path = directory + "/" + name;
   UniqueFd out(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
   if (!out) {
-    update_log(log_file_path, "Unable to open file %s : %s", path.c_str(), std::strerror(errno));
+    const char* reason = std::strerror(errno);
+    update_log(log_file_path, "Unable to open file %s : %s", log_escape(path).c_str(), reason);
     return -1;
   }
   (void)::fchmod(out.get(), 0644);
@@ -160,7 +163,8 @@ int receive_bin_file(const std::string& log_file_path, int socket, size_t block_
   };
   const auto write_piece = [&](size_t n) {
     if (write_full(out.get(), buffer.data(), n)) return true;
-    update_log(log_file_path, "Unable to write file %s : %s", path.c_str(), std::strerror(errno));
+    const char* reason = std::strerror(errno);
+    update_log(log_file_path, "Unable to write file %s : %s", log_escape(path).c_str(), reason);
     out.reset();
     (void)::unlink(path.c_str());
     return false;
@@ -172,7 +176,8 @@ int receive_bin_file(const std::string& log_file_path, int socket, size_t block_
     if (!write_piece(remainder)) return -1;
   }
   if (out.close() != 0) {
-    update_log(log_file_path, "Unable to write file %s : %s", path.c_str(), std::strerror(errno));
+    const char* reason = std::strerror(errno);
+    update_log(log_file_path, "Unable to write file %s : %s", log_escape(path).c_str(), reason);
     (void)::unlink(path.c_str());
     return -1;
   }
@@ -189,13 +194,13 @@ int lib_process_update_request(int socket, const std::string& log_file_path, con
                                const std::string& log_dir, const std::string& request_line,
                                const std::string& /*peer*/) {
   const std::string& log = log_file_path;
-  update_log(log, "<UPDATE_DATA>: Input line \" %s \" \n", request_line.c_str());
+  update_log(log, "<UPDATE_DATA>: Input line \" %s \" \n", log_escape(request_line).c_str());
   const UpdateRequest request = parse_update_request(request_line);
   if (request.words < 4) update_log(log, "<UPDATE_DATA> request missing qualifers, got %d of 4\n", request.words);
   const std::string& name = request.name;
   const std::string& directory = request.directory;
-  update_log(log, "<UPDATE_DATA> parameters  '%s'   '%s'  '%s'   '%s'", name.c_str(), request.size.c_str(),
-             request.checksum.c_str(), directory.c_str());
+  update_log(log, "<UPDATE_DATA> parameters  '%s'   '%s'  '%s'   '%s'", log_escape(name).c_str(),
+             log_escape(request.size).c_str(), log_escape(request.checksum).c_str(), log_escape(directory).c_str());
 
   // A request that could write outside its directory, or not say where, is
   // answered FAIL in place of OK: the server then sends no file at all.
@@ -212,7 +217,7 @@ int lib_process_update_request(int socket, const std::string& log_file_path, con
   else
     make_directories(directory, 0744);
 
-  update_log(log, "<UPDATE_DATA> recieve %s into %s ...", name.c_str(), directory.c_str());
+  update_log(log, "<UPDATE_DATA> recieve %s into %s ...", log_escape(name).c_str(), log_escape(directory).c_str());
   const int received_result = receive_bin_file(log, socket, kUpdateBlockSize, directory, name, request.size);
   if (received_result <= 0) {
     update_log(log, "receive_bin_file failed for autoupdate\n");
@@ -234,23 +239,23 @@ int lib_process_update_request(int socket, const std::string& log_file_path, con
       // "--": a name that begins with "-" is still a file name.
       run_update_tool(log, directory, {"gunzip", "--", name});
       unpacked_name = archive = name.substr(0, name.find(".gz"));
-      update_log(log, "<UPDATE_DATA> got compressed file, %s ", ("gunzip " + name).c_str());
+      update_log(log, "<UPDATE_DATA> got compressed file, %s ", log_escape("gunzip " + name).c_str());
     }
     const std::vector<std::string> untar{"tar", "xf", directory + "/" + archive};
-    update_log(log, "<UPDATE_DATA> checksum ok, untar update file..., %s", command_text(untar).c_str());
+    update_log(log, "<UPDATE_DATA> checksum ok, untar update file..., %s", log_escape(command_text(untar)).c_str());
     run_update_tool(log, directory, untar);
     const std::string patch_dir = directory + "/update";
-    update_log(log, "<UPDATE_DATA> chdir to patchdir..., %s", patch_dir.c_str());
+    update_log(log, "<UPDATE_DATA> chdir to patchdir..., %s", log_escape(patch_dir).c_str());
 
     const std::string unpacked = unpacked_name.empty() ? std::string() : directory + "/" + unpacked_name;
     const std::string update_log_path = log_dir + "/update.log";
     UniqueFd output(::open(update_log_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
     if (!output) {
       update_log(log, "Error opening log file for update, %s", update_log_path.c_str());
-      update_log(log, "update returning, delete %s", name.c_str());
+      update_log(log, "update returning, delete %s", log_escape(name).c_str());
       int result = ::unlink(received.c_str());
       if (!unpacked.empty()) {
-        update_log(log, " delete %s", unpacked_name.c_str());
+        update_log(log, " delete %s", log_escape(unpacked_name).c_str());
         result = ::unlink(unpacked.c_str());
       }
       return result;
@@ -259,24 +264,26 @@ int lib_process_update_request(int socket, const std::string& log_file_path, con
 
     const std::string launcher = directory + "/update/runupdate.sh";
     if (!write_launcher(launcher, patch_dir, update_log_path)) {
-      update_log(log, "Error run update script  %s", launcher.c_str());
+      update_log(log, "Error run update script  %s", log_escape(launcher).c_str());
       int result = ::unlink(received.c_str());
       if (!unpacked.empty()) result = ::unlink(unpacked.c_str());
       return result;
     }
-    update_log(log, "Executing %s", ("at -f " + launcher + " now\n").c_str());
+    update_log(log, "Executing %s", ("at -f " + log_escape(launcher) + " now\n").c_str());
     run_update_tool(log, patch_dir, {"at", "-f", launcher, "now"});
   }
 
   // The compressed file is gone after gunzip: its deletion fails quietly.
   int result = ::unlink(received.c_str());
-  update_log(log, " delete %s", name.c_str());
+  update_log(log, " delete %s", log_escape(name).c_str());
   if (!unpacked_name.empty()) {
     result = ::unlink((directory + "/" + unpacked_name).c_str());
-    if (result != 0)
-      update_log(log, " delete %s, failed, %s", unpacked_name.c_str(), std::strerror(errno));
-    else
-      update_log(log, " delete %s", unpacked_name.c_str());
+    if (result != 0) {
+      const char* reason = std::strerror(errno);
+      update_log(log, " delete %s, failed, %s", log_escape(unpacked_name).c_str(), reason);
+    } else {
+      update_log(log, " delete %s", log_escape(unpacked_name).c_str());
+    }
   }
   return result;
 }

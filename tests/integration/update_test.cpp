@@ -17,6 +17,8 @@
 namespace kova::test {
 namespace {
 
+using Update = AgentTest;
+
 // Runs a command line of the test's own making; its standard output.
 std::string output_of(const std::string& command, int& status) {
   std::string out;
@@ -28,7 +30,7 @@ std::string output_of(const std::string& command, int& status) {
   return out;
 }
 
-TEST(Update, ArchiveIsCheckedUnpackedAndRunDetachedAndNothingIsLeft) {
+TEST_F(Update, ArchiveIsCheckedUnpackedAndRunDetachedAndNothingIsLeft) {
   InstallTree tree;
   TempDir work;
   make_dirs(work / "bin");
