@@ -19,12 +19,16 @@ cmake --build "$build"
 if ls "$tree"/tmp/*_kova.lock >/dev/null 2>&1; then
   "$tree/bin/kovaagent" -rootdir "$tree" -stop >/dev/null 2>&1 || true
   "$tree/bin/vorn_monitor" -rootdir "$tree" -stop >/dev/null 2>&1 || true
+  "$tree/bin/sorlexagent" -stop >/dev/null 2>&1 || true
   sleep 1
 fi
 demo/make-install-tree.sh "$tree" "$build" >/dev/null
 printf 'demo memory file\n' >"$tree/demo.memory"
 
 get() { echo "\$ kovaget $*" | sed "s|$tree|demo-tree|g"; "$build/client/kovaget" -p "$port" "$@"; echo; }
+
+# The search agent lives in the demo tree too.
+export SORLEX_LIBRARY=$tree
 
 echo "== starting the agent on port $port"
 # The daemon keeps the standard output it was started with; a file, not
@@ -45,6 +49,8 @@ get status
 echo "== today's .log files of webapp from the registered application directory"
 rm -rf "$tree/fetched" && mkdir -p "$tree/fetched"
 get -o "$tree/fetched" appdata -d "$(LC_ALL=C date +%d-%b-%Y)" -x .log "$tree/appdata/webapp*"
+get sorlexstart
+get sorlexstatus
 echo "== today's performance data (the agent waits ten seconds first, as the server expects)"
 get perf
 echo "== the agent's log: $tree/logs"

@@ -1,7 +1,10 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build needs, when any is missing.
+# Installs the Debian packages the build needs, when any is missing: the
+# compiler and libraries, what builds the Debian package (dpkg-dev, file)
+# and what checks what it ships (mandoc, groff, xmllint, systemd-analyze).
 set -euo pipefail
-packages=(cmake ninja-build g++ libgtest-dev libgmock-dev libcap-dev libssl-dev "$@")
+packages=(cmake ninja-build g++ libgtest-dev libgmock-dev libcap-dev libssl-dev
+  dpkg-dev file mandoc groff-base libxml2-utils systemd "$@")
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
@@ -10,5 +13,5 @@ if ((${#missing[@]})); then
   sudo=""
   [ "$(id -u)" -eq 0 ] || sudo=sudo
   $sudo apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq "${missing[@]}"
+  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
 fi
