@@ -22,6 +22,7 @@
 #include "housekeeping/purge.h"
 #include "platform/privileges.h"
 #include "settings/command_line.h"
+#include "settings/config_check.h"
 #include "settings/lock_file.h"
 #include "settings/settings_file.h"
 #include "wire/socket_io.h"
@@ -78,6 +79,9 @@ int agent_main(int argc, char** argv) {
   // reach the file or pipe its output goes to. Standard error is unbuffered
   // already.
   std::setvbuf(stdout, nullptr, _IOLBF, 0);
+
+  // The configuration check reads the settings as a start would, then stops.
+  if (kova_config_check_requested(argv, argc)) return kova_check_config_main(argv, argc);
 
   AgentState state;
   AgentSettings& s = state.settings;

@@ -235,6 +235,8 @@ int kova_parse_command_line(char** argv, int argc, AgentSettings& s) {
       s.check_growth = 1;
     } else if (matches(arg, {"-nocheck_growth", 12})) {
       s.check_growth = 0;
+    } else if (matches(arg, {"-check_config", 12})) {
+      // The configuration check runs instead of a start (agent_main).
     } else if (matches(arg, {"-schedule", 7})) {
       if (!has_path_value) {
         std::fprintf(stderr, "-schedule option requires an argument, HH:MM \n");

@@ -48,6 +48,11 @@ TEST_F(CommandLine, OneShotModesPrintAndExitAsAdminsExpect) {
   EXPECT_EQ(written.status, 0);
   std::string config = read_file(tree / ("settings/kova_" + tree.hostname() + ".config"));
   EXPECT_NE(config.find("KOVAAGENT_PORT~1661\n"), std::string::npos);
+
+  // What -write_config wrote passes the check; serving everyone only warns.
+  RunResult checked = run_agent({"-rootdir", tree.root(), "-check_config"});
+  EXPECT_EQ(checked.status, 0) << checked.out;
+  EXPECT_NE(checked.out.find(": warning: registered servers: 0.0.0.0"), std::string::npos) << checked.out;
 }
 
 TEST_F(CommandLine, PurgeDeletesThisHostsOldDataFilesAndExitsOne) {
