@@ -32,15 +32,25 @@ bool decode_os(std::span<const unsigned char> bytes, int32_t& id) {
   return true;
 }
 
-std::string component_status_words(int status) {
+std::string component_state_name(int status) {
   switch (status) {
-    case kStatusNone: return "none (0)";
-    case kStatusRunning: return "up (3)";
-    case kStatusNotRunning: return "down (4)";
-    case kStatusNotInstalled: return "not found (5)";
-    case kStatusUnknown: return "unknown (99)";
-    default: return "code " + std::to_string(status);
+    case kStatusNone: return "none";
+    case kStatusRunning: return "up";
+    case kStatusNotRunning: return "down";
+    case kStatusNotInstalled: return "not found";
+    case kStatusUnknown: return "unknown";
+    default: return "";
   }
+}
+
+bool component_state_known(int status) {
+  return status == kStatusNone || status == kStatusRunning || status == kStatusNotRunning ||
+         status == kStatusNotInstalled;
+}
+
+std::string component_status_words(int status) {
+  const std::string name = component_state_name(status);
+  return name.empty() ? "code " + std::to_string(status) : name + " (" + std::to_string(status) + ")";
 }
 
 std::string extended_status_words(int status) {
@@ -67,6 +77,17 @@ std::string hex_dump(std::span<const unsigned char> bytes) {
     for (size_t i = line; i < line + 16 && i < bytes.size(); ++i)
       out += bytes[i] >= 0x20 && bytes[i] < 0x7f ? static_cast<char>(bytes[i]) : '.';
     out += "|\n";
+  }
+  return out;
+}
+
+std::string hex_string(std::span<const unsigned char> bytes) {
+  static constexpr char kDigits[] = "0123456789abcdef";
+  std::string out;
+  out.reserve(bytes.size() * 2);
+  for (unsigned char b : bytes) {
+    out += kDigits[b >> 4];
+    out += kDigits[b & 0x0f];
   }
   return out;
 }

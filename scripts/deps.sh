@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build needs, when any is missing: the
-# compiler and libraries, what builds the Debian package (dpkg-dev, file)
-# and what checks what it ships (mandoc, groff, xmllint, systemd-analyze).
+# compiler and libraries, a JSON parser for the tests, what builds the
+# Debian package (dpkg-dev, file) and what checks what it ships (mandoc,
+# groff, xmllint, systemd-analyze).
 set -euo pipefail
-packages=(cmake ninja-build g++ libgtest-dev libgmock-dev libcap-dev libssl-dev
+packages=(cmake ninja-build g++ libgtest-dev libgmock-dev libcap-dev libssl-dev nlohmann-json3-dev
   dpkg-dev file mandoc groff-base libxml2-utils systemd "$@")
 missing=()
 for p in "${packages[@]}"; do

@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
@@ -10,6 +11,7 @@
 #include <thread>
 #include <tuple>
 
+#include "json.h"
 #include "replies.h"
 #include "support/fixed_clock.h"
 #include "wire/request.h"
@@ -137,6 +139,35 @@ TEST(Replies, DecodeAndDump) {
   EXPECT_EQ(std::tuple(d.dc_status, d.dc_interval, d.rta_status, d.peak_seconds), std::tuple(3, 120, 5, 30));
   EXPECT_FALSE(client::decode_dcstat(Bytes{11, 0, 3, 0, 120, 0, 5, 0, 30}, d));  // one byte short
   EXPECT_EQ(client::hex_dump(Bytes{'A', 0, 0xff}), "00000000  41 00 ff" + std::string(13 * 3, ' ') + "  |A..|\n");
+}
+
+// Every byte value survives as one code point, the output is plain ASCII,
+// and a parser reads the object back as it was built.
+TEST(Json, WritesAnyBytesAsAnObjectAParserReadsBack) {
+  std::string every;
+  for (int b = 0; b < 256; ++b) every += static_cast<char>(b);
+  client::JsonArray list;
+  list.add_json(client::JsonObject().add("n", int64_t{-5}).str());
+  client::JsonObject o;
+  o.add("text", "a\"b\\c\n\t").add("bytes", every).add("ok", true).add("big", int64_t{1} << 40);
+  o.add_json("list", list.str()).merge(client::JsonObject().add("more", 1));
+  const std::string out = o.str();
+  for (unsigned char c : out) EXPECT_TRUE(c >= 0x20 && c < 0x7f) << static_cast<int>(c);
+
+  const nlohmann::json j = nlohmann::json::parse(out, nullptr, false);
+  ASSERT_FALSE(j.is_discarded()) << out;
+  EXPECT_EQ(j["text"], "a\"b\\c\n\t");
+  // The parser hands the string over as UTF-8: code points up to 0xff take one or two bytes.
+  const std::string utf8 = j["bytes"].get<std::string>();
+  std::string back;
+  for (size_t i = 0; i < utf8.size(); ++i) {
+    const auto c = static_cast<unsigned char>(utf8[i]);
+    back += c < 0x80 ? static_cast<char>(c) : static_cast<char>(((c & 0x1f) << 6) | (utf8[++i] & 0x3f));
+  }
+  EXPECT_EQ(back, every);
+  EXPECT_EQ(std::tuple(j["ok"].get<bool>(), j["big"].get<int64_t>(), j["list"][0]["n"].get<int>(), j["more"].get<int>()),
+            std::tuple(true, int64_t{1} << 40, -5, 1));
+  EXPECT_EQ(client::hex_string(Bytes{0x0a, 0, 0xff}), "0a00ff");
 }
 
 }  // namespace

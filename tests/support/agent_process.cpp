@@ -7,9 +7,11 @@
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <ctime>
+#include <thread>
 
 #ifndef KOVA_AGENT_BIN
 #define KOVA_AGENT_BIN "kovaagent"
@@ -77,6 +79,45 @@ RunResult run_agent(const std::vector<std::string>& args, const std::vector<std:
   }
   result.out = read_file(io / "out");
   result.err = read_file(io / "err");
+  return result;
+}
+
+RunResult run_program(const std::string& program, const std::vector<std::string>& args,
+                      std::chrono::milliseconds limit) {
+  RunResult result;
+  TempDir io;
+  std::vector<std::string> words{program};
+  words.insert(words.end(), args.begin(), args.end());
+  std::vector<char*> argv;
+  for (std::string& w : words) argv.push_back(w.data());
+  argv.push_back(nullptr);
+  const std::string out_path = io / "out", err_path = io / "err";
+  const pid_t pid = ::fork();
+  if (pid < 0) return result;
+  if (pid == 0) {
+    const int out = ::open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    const int err = ::open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    const int in = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    if (out < 0 || err < 0 || in < 0 || ::dup2(in, 0) < 0 || ::dup2(out, 1) < 0 || ::dup2(err, 2) < 0) ::_exit(126);
+    ::execv(argv[0], argv.data());
+    ::_exit(127);
+  }
+  int status = 0;
+  for (auto deadline = std::chrono::steady_clock::now() + limit;;) {
+    const pid_t done = ::waitpid(pid, &status, WNOHANG);
+    if (done == pid) {
+      result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+      break;
+    }
+    if (done < 0 || std::chrono::steady_clock::now() >= deadline) {
+      ::kill(pid, SIGKILL);
+      ::waitpid(pid, nullptr, 0);
+      break;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  result.out = read_file(out_path);
+  result.err = read_file(err_path);
   return result;
 }
 

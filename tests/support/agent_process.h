@@ -50,6 +50,13 @@ class AgentTest : public testing::Test {
   PidNamespace zone_;
 };
 
+// Runs a client program (kovaget: it looks no process up by name) with
+// `args` as a plain child of the test, waits for it (at most `limit`, then
+// kills it) and returns its exit status and output. Safe from several
+// threads at once.
+RunResult run_program(const std::string& program, const std::vector<std::string>& args,
+                      std::chrono::milliseconds limit = std::chrono::seconds(20));
+
 // Runs the agent with `args` in the test's namespace and waits for it (at
 // most `limit`). With `uid` set (and the test running as root) it runs
 // under that account.
