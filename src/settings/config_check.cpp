@@ -34,8 +34,8 @@ struct KeyRule {
   bool read = true;  // false: -write_config writes it, a start never reads it
 };
 
-// The keys in the order a start tries them on each line; the first found
-// anywhere in the line wins, except DATA_DIR, which must begin it.
+// What each key's value must be. Which key a start takes a line for is
+// the reader's own business (settings_key_read_as).
 constexpr KeyRule kKeys[] = {
     {"INSTALL_DIR~", Kind::kDirectory},
     {"APP_DATA_DIR~", Kind::kText},
@@ -77,15 +77,6 @@ constexpr OptionRule kDataOption{"-datadir", 7, 1, 0};
 constexpr OptionRule kLogOption{"-logdir", 5, 1, 0};
 // For settings that no option sets.
 constexpr OptionRule kNoOption{"", 0, 1, 0};
-
-const KeyRule* key_a_start_reads(std::string_view line) {
-  for (const KeyRule& rule : kKeys) {
-    if (!rule.read) continue;
-    if (rule.key == "DATA_DIR~" ? line.starts_with("DATA_DIR") : line.find(rule.key) != std::string_view::npos)
-      return &rule;
-  }
-  return nullptr;
-}
 
 const KeyRule* rule_named(std::string_view key) {
   for (const KeyRule& rule : kKeys)
@@ -158,11 +149,11 @@ void Checker::check_file(const std::string& path) {
       continue;
     }
     const size_t tilde = line.find('~');
-    const KeyRule* read_as = key_a_start_reads(line);
+    const std::string read_as(settings_key_read_as(line));
     if (tilde == std::string_view::npos) {
       add(Severity::kError, where,
-          read_as == nullptr ? "no KEY~ on this line: a start ignores it"
-                             : "no KEY~ on this line: a start reads it as " + std::string(read_as->key));
+          read_as.empty() ? "no KEY~ on this line: a start ignores it"
+                          : "no KEY~ on this line: a start reads it as " + read_as);
       continue;
     }
     const std::string_view key = line.substr(0, tilde + 1);
@@ -170,13 +161,13 @@ void Checker::check_file(const std::string& path) {
     if (own == nullptr) {
       add(Severity::kError, where,
           "unknown key " + quoted(key) +
-              (read_as == nullptr ? ": a start ignores the line" : ": a start reads it as " + std::string(read_as->key)));
+              (read_as.empty() ? ": a start ignores the line" : ": a start reads it as " + read_as));
       continue;
     }
     if (!own->read) continue;  // written by -write_config, harmless
-    if (read_as != own) {
-      add(Severity::kError, where, "a start reads this line as " + std::string(read_as->key) + ", not as " +
-                                       std::string(key) + ": another key occurs in it");
+    if (read_as != own->key) {
+      add(Severity::kError, where, "a start reads this line as " + read_as + ", not as " + std::string(key) +
+                                       ": another key occurs in it");
       continue;
     }
     if (auto seen = last_line_.find(own->key); seen != last_line_.end())

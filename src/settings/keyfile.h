@@ -89,12 +89,11 @@ std::string value_less_last(std::string_view rest);
 std::string value_trimmed(std::string_view rest);
 int value_to_int(std::string_view rest);  // atoi(3) on a text that need not end in NUL
 
-// Applies one line to `record` through `table`; false when no key of the
-// table occurs in it.
+// The row of `table` whose key a reader takes `line` for (the first found),
+// with `rest` set to what follows the key; nullptr when no key occurs in it.
 template <class R>
-bool apply_key_line(std::string_view line, std::span<const KeyField<R>> table, R& record) {
+const KeyField<R>* match_key_line(std::string_view line, std::span<const KeyField<R>> table, std::string_view& rest) {
   for (const KeyField<R>& row : table) {
-    std::string_view rest;
     if (row.at_line_start) {
       const std::string_view bare = row.key.substr(0, row.key.size() - 1);
       if (line.substr(0, bare.size()) != bare) continue;
@@ -104,18 +103,28 @@ bool apply_key_line(std::string_view line, std::span<const KeyField<R>> table, R
       if (at == std::string_view::npos) continue;
       rest = line.substr(at + row.key.size());
     }
-    switch (row.value) {
-      case KeyValue::kNone: break;
-      case KeyValue::kInt: record.*row.number = value_to_int(rest); break;
-      case KeyValue::kText: record.*row.text = value_less_last(rest); break;
-      case KeyValue::kTextAsIs: record.*row.text = std::string(rest); break;
-      case KeyValue::kTrimmed: record.*row.text = value_trimmed(rest); break;
-    }
-    if (row.given != nullptr) record.*row.given = 1;
-    if (row.hook != nullptr) row.hook(record, rest);
-    return true;
+    return &row;
   }
-  return false;
+  return nullptr;
+}
+
+// Applies one line to `record` through `table`; false when no key of the
+// table occurs in it.
+template <class R>
+bool apply_key_line(std::string_view line, std::span<const KeyField<R>> table, R& record) {
+  std::string_view rest;
+  const KeyField<R>* row = match_key_line(line, table, rest);
+  if (row == nullptr) return false;
+  switch (row->value) {
+    case KeyValue::kNone: break;
+    case KeyValue::kInt: record.*row->number = value_to_int(rest); break;
+    case KeyValue::kText: record.*row->text = value_less_last(rest); break;
+    case KeyValue::kTextAsIs: record.*row->text = std::string(rest); break;
+    case KeyValue::kTrimmed: record.*row->text = value_trimmed(rest); break;
+  }
+  if (row->given != nullptr) record.*row->given = 1;
+  if (row->hook != nullptr) row->hook(record, rest);
+  return true;
 }
 
 // Reads the file at `path` over `record`: the number of lines that held a

@@ -109,6 +109,12 @@ int kova_parse_startup_file(AgentSettings& s) {
   return 1;
 }
 
+std::string_view settings_key_read_as(std::string_view line) {
+  std::string_view rest;
+  const Row* row = match_key_line<AgentSettings>(line, kSettingsKeys, rest);
+  return row != nullptr ? row->key : std::string_view();
+}
+
 int kova_write_settings_file(const AgentSettings& s) {
   std::printf("Writing config file %s \n", s.settings_file_path.c_str());
   KeyFileText file;

@@ -2,6 +2,8 @@
 // "KEY~value" line per setting.
 #pragma once
 
+#include <string_view>
+
 #include "settings/agent_settings.h"
 
 namespace kova {
@@ -9,6 +11,10 @@ namespace kova {
 // Reads the settings file over the defaults. 1 when at least one line held a
 // known key; 0 when the file is missing, unreadable or holds none.
 int kova_parse_startup_file(AgentSettings& settings);
+
+// The key ("VERBOSE~", ...) a start takes `line` of the settings file for,
+// by the reader's own table and rule; "" when it skips the line.
+std::string_view settings_key_read_as(std::string_view line);
 
 // Writes the twelve persistent settings (announced on stdout). 1, or 0 when
 // the file cannot be opened for writing.
