@@ -19,6 +19,7 @@
 #include "platform/files.h"
 #include "platform/unique.h"
 #include "settings/command_line.h"
+#include "settings/hardening.h"
 #include "base/codes.h"
 
 namespace kova {
@@ -173,7 +174,7 @@ int StartRTA_UNIX(const std::string& requester, int processes, int port, int sca
   const bool debug = settings.verbose == 1;
   if (debug) log_printf("I-VAL", "Validate %s: to %s", requester.c_str(), settings.settings_server.c_str());
   RtaSettings& rta = rta_cmdline();
-  if (validateConsole(requester, settings.settings_server) == 1) {
+  if (server_admitted(settings, requester, settings.settings_server)) {
     // The settings file lies in the agent's own tree, wherever the record
     // was first pointed at start-up.
     rta_adjust_path_settings(rta, settings.install_root);

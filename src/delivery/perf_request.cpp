@@ -21,6 +21,7 @@
 #include "platform/files.h"
 #include "platform/process.h"
 #include "platform/unique.h"
+#include "settings/hardening.h"
 #include "wire/request.h"
 #include "wire/socket_io.h"
 #include "base/codes.h"
@@ -235,7 +236,7 @@ int process_perf_request(int socket, const AgentSettings& settings, const std::s
   log_printf("I-RCV_VALUE", "Received purge value %d", zud_age);
 
   if (settings.verbose == 1) log_printf("I-VAL", "Validate %s: to %s", peer.c_str(), settings.settings_server.c_str());
-  if (validateConsole(peer, settings.settings_server) == 1) {
+  if (server_admitted(settings, peer, settings.settings_server)) {
     // Only the controlling server's retention reaches the collector; the
     // file is re-read first so that changes made since start-up survive.
     DcSettings& dc = collector_state().dc_cmdline;

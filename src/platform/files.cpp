@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <filesystem>
 #include <utility>
 
 #include "platform/unique.h"
@@ -132,6 +133,29 @@ WorkFileLock::WorkFileLock(const std::string& path) {
   while (::fcntl(fd.get(), F_OFD_SETLKW, &byte) != 0)
     if (errno != EINTR) return;
   fd_ = std::move(fd);
+}
+
+bool path_inside(const std::string& path, const std::string& root) {
+  std::error_code ec;
+  const std::filesystem::path p = std::filesystem::absolute(path, ec).lexically_normal();
+  if (ec) return false;
+  const std::filesystem::path r = std::filesystem::absolute(root, ec).lexically_normal();
+  if (ec || root.empty()) return false;
+  // Component by component, so that /opt/kova2 never counts as inside
+  // /opt/kova; a trailing "/" leaves an empty last component.
+  auto at = p.begin();
+  for (const auto& part : r) {
+    if (part.empty()) continue;
+    if (at == p.end() || *at != part) return false;
+    ++at;
+  }
+  return true;
+}
+
+std::string resolved_path(const std::string& path) {
+  std::error_code ec;
+  const std::filesystem::path resolved = std::filesystem::weakly_canonical(path, ec);
+  return ec ? std::filesystem::absolute(path, ec).lexically_normal().string() : resolved.string();
 }
 
 }  // namespace kova

@@ -46,6 +46,15 @@ void make_directories(const std::string& path, mode_t mode);
 // (the temporary file is then removed and `path` left as it was).
 [[nodiscard]] int replace_file(const std::string& path, std::string_view content, mode_t mode = 0666);
 
+// True when `path` is `root` or lies below it. Both are made absolute and
+// freed of ".", ".." and repeated "/" first; links are not followed (pass
+// resolved_path() results to compare what they point at).
+[[nodiscard]] bool path_inside(const std::string& path, const std::string& root);
+
+// `path` with every link resolved, as far as it exists; the part that does
+// not exist yet is appended as written, less ".." and ".".
+std::string resolved_path(const std::string& path);
+
 // Creates the file at `path` with `content`, whole or not at all: written to
 // a temporary file first, then linked into place, which fails with EEXIST
 // when `path` exists. Returns 0 or errno.

@@ -12,6 +12,12 @@ inline constexpr const char* kAnyServer = "0.0.0.0";
 inline constexpr const char* kDataSourceCollector = "vORN Monitor";
 inline constexpr const char* kDataSourceMeasureware = "Measureware";
 
+// Hardened mode's defaults: the most request children at once and its
+// bounds, and the address the agent listens on in any mode.
+inline constexpr int kDefaultMaxRequests = 32;
+inline constexpr int kMaxRequestsLimit = 1024;
+inline constexpr const char* kDefaultListenAddress = "0.0.0.0";
+
 struct AgentSettings {
   int purge_days = 0;           // age for the one-shot purge ("-purge N")
   int verbose = 0;              // detailed logging
@@ -65,6 +71,15 @@ struct AgentSettings {
   std::string compression_command;
   std::string update_tmp_dir;
   std::string work_tmp_dir;
+
+  // Hardened mode, off unless asked for ("-harden", "HARDEN~1"): exact and
+  // CIDR server lists, unregistered peers refused without a read, a bound on
+  // request children, updates only when allowed. See settings/hardening.h.
+  int harden = 0;
+  int allow_update = 0;                        // accept pushed updates when hardened
+  int max_requests = kDefaultMaxRequests;      // request children at once when hardened
+  std::string listen_address = kDefaultListenAddress;  // IPv4 or IPv6 literal, any mode
+  int search_agent_root_given = 0;             // $SORLEX_LIBRARY named the search agent's root
 };
 
 // 1 when `registered` is "0.0.0.0" (every server) or `address` occurs

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -14,6 +15,7 @@
 
 #include "base/version.h"
 #include "platform/files.h"
+#include "settings/hardening.h"
 
 namespace kova {
 namespace {
@@ -73,7 +75,7 @@ int kova_init_command_line(AgentSettings& s) {
   if (auto dot = s.hostname.find('.'); dot != std::string::npos) s.hostname.resize(dot);
 
   get_vantrel_root(s.install_root);
-  get_sorlex_root(s.search_agent_root);
+  s.search_agent_root_given = get_sorlex_root(s.search_agent_root) == 1 ? 1 : 0;
   s.log_dir = s.install_root + "/logs";
   s.data_dir = s.install_root + "/data";
   derive_tree(s);
@@ -335,6 +337,29 @@ int kova_parse_command_line(char** argv, int argc, AgentSettings& s) {
         s.start = 1;
         s.port = port;
       }
+    } else if (matches(arg, {"-harden", 6})) {
+      s.harden = 1;
+    } else if (matches(arg, {"-allow_update", 12})) {
+      s.allow_update = 1;
+    } else if (matches(arg, {"-max_requests", 12})) {
+      if (!has_value) {
+        std::fprintf(stderr, "-max_requests option requires an argument\n");
+        return 0;
+      }
+      const std::string_view text = argv[++i];
+      int most = 0;
+      const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), most);
+      if (error != std::errc{} || end != text.data() + text.size() || most < 1 || most > kMaxRequestsLimit) {
+        std::fprintf(stderr, "-max_requests must be between 1 and %d\n", kMaxRequestsLimit);
+        return 0;
+      }
+      s.max_requests = most;
+    } else if (matches(arg, {"-listen", 6})) {
+      if (!has_value || !is_address_literal(argv[i + 1])) {
+        std::fprintf(stderr, "-listen option requires an IPv4 or IPv6 address\n");
+        return 0;
+      }
+      s.listen_address = argv[++i];
     } else if (matches(arg, {"-mwa", 3})) {
       std::fprintf(stderr, "kovaagent only supports measureware on HP-UX\n");
       return kParseMeasureware;

@@ -48,11 +48,20 @@ void take_data_source(AgentSettings& s, std::string_view rest) {
   if (rest.find(kDataSourceMeasureware) != std::string_view::npos) s.measureware_source = 1;
 }
 
+// Hardened-mode switches: any number but 0 turns them on, so that a switch
+// meant to close doors never stays open over a value like "2".
+template <int AgentSettings::*Switch>
+void take_switch(AgentSettings& s, std::string_view rest) {
+  s.*Switch = value_to_int(rest) != 0 ? 1 : 0;
+}
+
 using Row = KeyField<AgentSettings>;
 using S = AgentSettings;
 
 // Keys in the order they are tried. APP_DATA_DIR~ comes before DATA_DIR~,
-// which alone must begin its line, so the two never mix.
+// which alone must begin its line, so the two never mix. The hardened-mode
+// keys come last: no key before them occurs in their lines, and theirs
+// cannot take a line meant for an older key.
 constexpr Row kSettingsKeys[] = {
     hook_key<S>("INSTALL_DIR~", take_existing_dir<&S::install_root, &S::rootdir_given>),
     text_key("APP_DATA_DIR~", &S::app_data_dir),
@@ -69,6 +78,10 @@ constexpr Row kSettingsKeys[] = {
     hook_key<S>("CHECK_GROWTH~", take_check_growth),
     hook_key<S>("GROWTH_INTERVAL~", take_growth_interval),
     hook_key<S>("DATA_SOURCE~", take_data_source),
+    hook_key<S>("HARDEN~", take_switch<&S::harden>),
+    hook_key<S>("ALLOW_UPDATE~", take_switch<&S::allow_update>),
+    int_key("MAX_REQUESTS~", &S::max_requests),
+    trimmed_key("LISTEN_ADDRESS~", &S::listen_address),
 };
 
 void report_unreadable(const std::string& path, int error) {
@@ -130,6 +143,12 @@ int kova_write_settings_file(const AgentSettings& s) {
       .put("DATA_SOURCE~", s.measureware_source == 1 ? kDataSourceMeasureware : kDataSourceCollector)
       .put("CHECK_GROWTH~", s.check_growth)
       .put("GROWTH_INTERVAL~", s.growth_interval);
+  // Only what differs from the defaults, so that a default file stays the
+  // twelve lines it has always been.
+  if (s.harden != 0) file.put("HARDEN~", s.harden);
+  if (s.allow_update != 0) file.put("ALLOW_UPDATE~", s.allow_update);
+  if (s.max_requests != kDefaultMaxRequests) file.put("MAX_REQUESTS~", s.max_requests);
+  if (s.listen_address != kDefaultListenAddress) file.put("LISTEN_ADDRESS~", s.listen_address);
   return replace_file(s.settings_file_path, file.text()) == 0 ? 1 : 0;
 }
 

@@ -16,7 +16,8 @@ int kova_parse_startup_file(AgentSettings& settings);
 // by the reader's own table and rule; "" when it skips the line.
 std::string_view settings_key_read_as(std::string_view line);
 
-// Writes the twelve persistent settings (announced on stdout). 1, or 0 when
+// Writes the twelve persistent settings, and the hardened-mode and listen
+// settings that differ from their defaults (announced on stdout). 1, or 0 when
 // the file cannot be opened for writing.
 [[nodiscard]] int kova_write_settings_file(const AgentSettings& settings);
 
