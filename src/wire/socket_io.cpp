@@ -1,11 +1,14 @@
 #include "wire/socket_io.h"
 
+#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -22,6 +25,11 @@ int poll_readable(int fd, int timeout_ms) {
   return ::poll(&p, 1, timeout_ms);
 }
 
+int64_t steady_now_ms() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
 ssize_t write_some(int fd, const unsigned char* data, size_t n) {
   // The agent does not ignore SIGPIPE, and a server that hangs up mid-reply
   // must cost a log line, not the request process.
@@ -34,6 +42,8 @@ ssize_t read_loop(int fd, void* buffer, size_t n, int verbose) {
   auto* out = static_cast<unsigned char*>(buffer);
   size_t got = 0;
   int failures = 0;
+  const WireHooks& hooks = wire_hooks();
+  const int64_t deadline = hooks.read_total_ms > 0 ? hooks.now_ms() + hooks.read_total_ms : 0;
   while (got < n) {
     ssize_t k = ::recv(fd, out + got, n - got, MSG_DONTWAIT);
     if (k == 0) break;  // the peer closed: a short read, not a failure
@@ -46,7 +56,18 @@ ssize_t read_loop(int fd, void* buffer, size_t n, int verbose) {
       if ((err != EAGAIN && err != EWOULDBLOCK) || failures > kReadRetryLimit) return -1;
       // Waiting for readability rather than sleeping serves the request as
       // soon as its bytes arrive; the bound on failures stays the same.
-      wire_hooks().wait_readable(fd, kReadWaitMs);
+      int wait_ms = kReadWaitMs;
+      if (deadline != 0) {
+        // A peer that sends a byte now and then resets the failure count;
+        // the total bound ends such a read all the same.
+        const int64_t left = deadline - hooks.now_ms();
+        if (left <= 0) {
+          errno = ETIMEDOUT;
+          return -1;
+        }
+        wait_ms = static_cast<int>(std::min<int64_t>(wait_ms, left));
+      }
+      hooks.wait_readable(fd, wait_ms);
       continue;
     }
     failures = 0;
@@ -58,16 +79,35 @@ ssize_t read_loop(int fd, void* buffer, size_t n, int verbose) {
 }  // namespace
 
 WireHooks& wire_hooks() {
-  static WireHooks hooks{poll_readable};
+  static WireHooks hooks{poll_readable, steady_now_ms, 0};
   return hooks;
 }
 
-int Socket_Create(int port) {
+int Socket_Create(int port, const std::string& address) {
   log_printf("I-SOCK", "Creating socket port %d", port);
+  sockaddr_storage addr{};
+  socklen_t addr_len;
+  auto* v4 = reinterpret_cast<sockaddr_in*>(&addr);
+  auto* v6 = reinterpret_cast<sockaddr_in6*>(&addr);
+  if (::inet_pton(AF_INET, address.c_str(), &v4->sin_addr) == 1) {
+    v4->sin_family = AF_INET;
+    v4->sin_port = htons(static_cast<uint16_t>(port));
+    addr_len = sizeof *v4;
+  } else if (::inet_pton(AF_INET6, address.c_str(), &v6->sin6_addr) == 1) {
+    v6->sin6_family = AF_INET6;
+    v6->sin6_port = htons(static_cast<uint16_t>(port));
+    addr_len = sizeof *v6;
+  } else {
+    log_printf("E-SOCKET", "Listen address %s is not an IPv4 or IPv6 address", address.c_str());
+    std::fprintf(stderr, "KOVA-E-SOCK:  listen address %s is not an IPv4 or IPv6 address\n", address.c_str());
+    std::fprintf(stderr, "%s-E-NOTSTARTED: KOVA Agent not started\n", "KOVA");
+    errno = EINVAL;
+    return -1;
+  }
   // A port beyond 16 bits would be cut to another one; no socket is made
   // for it at all.
   const bool port_valid = port >= 0 && port <= 65535;
-  UniqueFd sock(port_valid ? ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0) : -1);
+  UniqueFd sock(port_valid ? ::socket(addr.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0) : -1);
   if (!sock) {
     int err = port_valid ? errno : EINVAL;
     log_printf("E-SOCKET", "error socket() call failed:  %s", std::strerror(err));
@@ -81,13 +121,13 @@ int Socket_Create(int port) {
     log_printf("E-SOCKOPT", "Error setting socket option (SO_REUSEADDR) %s", std::strerror(errno));
   if (::setsockopt(sock.get(), SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on) != 0)
     log_printf("E-SOCKOPT", "Error setting socket option (SO_KEEPALIVE): %s", std::strerror(errno));
+  // IPv4 peers too, whatever the system's default for IPv6 sockets.
+  int off = 0;
+  if (addr.ss_family == AF_INET6 && ::setsockopt(sock.get(), IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof off) != 0)
+    log_printf("E-SOCKOPT", "Error setting socket option (IPV6_V6ONLY): %s", std::strerror(errno));
 
   log_printf("I-BINDING", "Binding local socket");
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_ANY);
-  addr.sin_port = htons(static_cast<uint16_t>(port));
-  if (::bind(sock.get(), reinterpret_cast<const sockaddr*>(&addr), sizeof addr) != 0) {
+  if (::bind(sock.get(), reinterpret_cast<const sockaddr*>(&addr), addr_len) != 0) {
     int err = errno;
     std::string message = string_printf("Error binding socket (port %d) : %s\n", port, std::strerror(err));
     log_printf("E-BIND", "Error binding socket (port %d) : %s\n", port, std::strerror(err));
@@ -97,6 +137,24 @@ int Socket_Create(int port) {
     return -1;
   }
   return sock.release();
+}
+
+std::string Socket_peer_text(const sockaddr_storage& peer) {
+  char text[INET6_ADDRSTRLEN] = {};
+  if (peer.ss_family == AF_INET6) {
+    const in6_addr& a = reinterpret_cast<const sockaddr_in6&>(peer).sin6_addr;
+    if (IN6_IS_ADDR_V4MAPPED(&a))
+      ::inet_ntop(AF_INET, a.s6_addr + 12, text, sizeof text);
+    else
+      ::inet_ntop(AF_INET6, &a, text, sizeof text);
+  } else {
+    ::inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in&>(peer).sin_addr, text, sizeof text);
+  }
+  return text;
+}
+
+ssize_t Socket_send_nowait(int fd, const void* buffer, size_t n) {
+  return ::send(fd, buffer, n, MSG_DONTWAIT | MSG_NOSIGNAL);
 }
 
 ssize_t Socket_writen_counted(int fd, const void* buffer, size_t n, size_t& written) {

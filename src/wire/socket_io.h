@@ -3,9 +3,12 @@
 // that finds no data waits for readability up to a bounded number of times.
 #pragma once
 
+#include <sys/socket.h>
 #include <sys/types.h>
 
 #include <cstddef>
+#include <cstdint>
+#include <string>
 
 namespace kova {
 
@@ -15,23 +18,46 @@ namespace kova {
 inline constexpr int kReadWaitMs = 2000;
 inline constexpr int kReadRetryLimit = 60;
 
+// Hardened mode's bound on one whole read in a request child, however its
+// bytes trickle in.
+inline constexpr int kHardenedReadTotalMs = 120000;
+
+// The address the agent listens on unless told otherwise: every IPv4 one.
+inline constexpr const char* kListenAnyIPv4 = "0.0.0.0";
+
 // The wire layer's one process-wide setting: how a read waits for data.
 // Tests replace wait_readable to count the waits without waiting.
 struct WireHooks {
   // Waits until fd is readable or timeout_ms passes; the result is ignored
   // (the next receive decides), so an interrupted wait simply counts as one.
   int (*wait_readable)(int fd, int timeout_ms);
+  // Milliseconds of a monotonic clock, for read_total_ms.
+  int64_t (*now_ms)();
+  // The most one whole read may take, in milliseconds; past it the read
+  // fails with ETIMEDOUT. 0 (the start) leaves only the retry bound.
+  int read_total_ms;
 };
 
-// The process-wide hooks; start with poll(2) on the descriptor.
+// The process-wide hooks; start with poll(2) on the descriptor, the
+// monotonic clock and no total bound.
 WireHooks& wire_hooks();
 
-// Creates an IPv4 stream socket bound to every local address on `port`,
-// with SO_REUSEADDR and SO_KEEPALIVE. Returns the descriptor (the caller
-// owns it and calls listen), or -1 after logging and printing to stderr,
-// with errno still telling the caller why. A port outside 0..65535 fails as
-// the socket call would, with EINVAL.
-[[nodiscard]] int Socket_Create(int port);
+// Creates a stream socket bound to `address` (an IPv4 or IPv6 literal;
+// every IPv4 address by default) on `port`, with SO_REUSEADDR and
+// SO_KEEPALIVE. An IPv6 socket also takes IPv4 peers, as mapped addresses.
+// Returns the descriptor (the caller owns it and calls listen), or -1 after
+// logging and printing to stderr, with errno still telling the caller why.
+// A port outside 0..65535 fails as the socket call would, with EINVAL.
+[[nodiscard]] int Socket_Create(int port, const std::string& address = kListenAnyIPv4);
+
+// A peer's address as logs and server lists show it: dotted for IPv4,
+// including IPv4 peers of an IPv6 socket; IPv6 text otherwise.
+std::string Socket_peer_text(const sockaddr_storage& peer);
+
+// One send that never waits, for a peer the agent will not wait on.
+// Returns the bytes the kernel took (perhaps fewer than n) or -1. Never
+// raises SIGPIPE.
+[[nodiscard]] ssize_t Socket_send_nowait(int fd, const void* buffer, size_t n);
 
 // Writes all n bytes. Returns n, or the failing write's result (0 or -1)
 // after logging "E-WRITE"; an interrupted write is not retried. Never
@@ -43,8 +69,9 @@ WireHooks& wire_hooks();
 [[nodiscard]] ssize_t Socket_writen_counted(int fd, const void* buffer, size_t n, size_t& written);
 
 // Reads n bytes. Returns n, fewer when the peer closed the connection, or
-// -1 when a receive fails with anything but EAGAIN or when 61 consecutive
-// receives found no data. verbose != 0 logs every failed receive.
+// -1 when a receive fails with anything but EAGAIN, when 61 consecutive
+// receives found no data, or when read_total_ms has passed. verbose != 0
+// logs every failed receive.
 [[nodiscard]] ssize_t Socket_readn(int fd, void* buffer, size_t n, int verbose);
 
 // The same read, used for the first bytes of a connection.

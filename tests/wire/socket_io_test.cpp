@@ -4,8 +4,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <string>
 #include <thread>
+#include <tuple>
 
 #include "wire/wire_fixture.h"
 
@@ -54,6 +56,32 @@ TEST_F(SocketIo, EachArrivalResetsTheFailureCount) {
   char buf[3];
   EXPECT_EQ(Socket_readn(pair.agent.get(), buf, sizeof buf, 0), 3);
   EXPECT_EQ(WaitCounter::waits, 150);
+}
+
+// A byte arrives after every wait, so the failure count never grows: only a
+// bound on the whole read ends it.
+TEST_F(SocketIo, ATotalBoundEndsAReadThatTricklesIn) {
+  static int peer_fd = -1;
+  static int64_t now_ms = 0;
+  wire_hooks().now_ms = [] { return now_ms; };
+  WaitCounter::on_wait = [](int) {
+    now_ms += kReadWaitMs;
+    ASSERT_EQ(::write(peer_fd, "x", 1), 1);
+  };
+  for (int total_ms : {0, kHardenedReadTotalMs}) {
+    SocketPair pair;
+    peer_fd = pair.peer.get();
+    now_ms = 0;
+    WaitCounter::waits = 0;
+    wire_hooks().read_total_ms = total_ms;
+    char buf[100];
+    errno = 0;
+    const ssize_t got = Socket_readn(pair.agent.get(), buf, sizeof buf, 0);
+    if (total_ms == 0)
+      EXPECT_EQ(std::tuple(got, WaitCounter::waits), std::tuple(100, 100));
+    else
+      EXPECT_EQ(std::tuple(got, errno, WaitCounter::waits), std::tuple(-1, ETIMEDOUT, kHardenedReadTotalMs / kReadWaitMs));
+  }
 }
 
 TEST_F(SocketIo, WriteDeliversEveryByteOfALargeBufferAndFailsWithoutSignalOnAClosedPeer) {
