@@ -23,6 +23,7 @@
 #include "platform/privileges.h"
 #include "settings/command_line.h"
 #include "settings/config_check.h"
+#include "settings/hardening.h"
 #include "settings/lock_file.h"
 #include "settings/settings_file.h"
 #include "wire/socket_io.h"
@@ -124,6 +125,10 @@ int agent_main(int argc, char** argv) {
   }
 
   // Start, or the one-shot purge.
+  if (const std::string problem = hardened_start_problem(s); !problem.empty()) {
+    std::fputs(problem.c_str(), stderr);
+    return 1;
+  }
   if (kova_check_paths(s) != 1) return 0;
   (void)::chdir(s.install_root.c_str());
   (void)appdata_read_formats(s.install_root);
@@ -157,7 +162,7 @@ int agent_main(int argc, char** argv) {
   kova_delete_existing_lockfile(s.agent_lock_path, s.verbose);
 
   set_terminate_state(-1, s.use_lock, s.agent_lock_path);
-  install_signal_dispositions();
+  install_signal_dispositions(s.harden == 1);
   if (s.fork == 1) make_daemon(s.tmp_dir, s.priority);
 
   if (s.use_lock == 1) {
@@ -182,19 +187,24 @@ int agent_main(int argc, char** argv) {
   write_log_header(s);
   priv_off();
 
-  state.listen_fd = Socket_Create(s.port);
+  state.listen_fd = Socket_Create(s.port, s.listen_address);
   if (state.listen_fd == -1) {
     std::fprintf(stderr, "%s: Socket create failed!, %s \n", kProgramName, std::strerror(errno));
     if (s.use_lock == 1) ::unlink(s.agent_lock_path.c_str());
     return 0;
   }
   set_terminate_state(state.listen_fd, s.use_lock, s.agent_lock_path);
-  if (::listen(state.listen_fd, 5) != 0) {
+  // Hardened mode closes what it will not serve at once, so a burst may
+  // queue as deep as the system allows.
+  if (::listen(state.listen_fd, s.harden == 1 ? SOMAXCONN : 5) != 0) {
     log_printf("E-LISTEN", "listen() error : %s", std::strerror(errno));
     if (s.use_lock == 1) ::unlink(s.agent_lock_path.c_str());
     return 0;
   }
 
+  if (s.harden == 1)
+    log_printf("I-HARDENED", "Hardened mode: registered servers %s, at most %d requests at once, updates %s",
+               s.server.c_str(), s.max_requests, s.allow_update == 1 ? "allowed" : "refused");
   write_to_log("I-STARTED", "Agent started");
   std::printf("%s started.\n", kProgramName);
   std::fflush(stdout);

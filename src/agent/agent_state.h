@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "agent/hardened.h"
 #include "settings/agent_settings.h"
 
 namespace kova {
@@ -17,6 +18,7 @@ struct AgentState {
   int message_repeat = 60;   // period of the collector state log lines
   int command_count = 59;    // registered requests seen, modulo the period
   int zud_age = 14;          // days of data files kept after a data request
+  HardenedState hardened;    // used only in hardened mode
 };
 
 }  // namespace kova

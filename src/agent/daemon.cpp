@@ -27,6 +27,8 @@ TerminateState g_terminate;
 
 void on_terminate(int signal) { TerminateAgent(signal); }
 
+void on_child_ended(int /*signal*/) {}
+
 }  // namespace
 
 void set_terminate_state(int listen_fd, int use_lock, const std::string& lock_path) {
@@ -44,13 +46,17 @@ void TerminateAgent(int /*signal*/) {
   ::_exit(0);
 }
 
-void install_signal_dispositions() {
+void install_signal_dispositions(bool count_children) {
   for (int sig : {SIGHUP, SIGINT, SIGQUIT, SIGABRT, SIGTERM}) std::signal(sig, on_terminate);
-  struct sigaction ignore_children {};
-  ignore_children.sa_handler = SIG_IGN;
-  sigemptyset(&ignore_children.sa_mask);
-  ignore_children.sa_flags = SA_NOCLDWAIT;
-  ::sigaction(SIGCHLD, &ignore_children, nullptr);
+  struct sigaction children {};
+  sigemptyset(&children.sa_mask);
+  if (count_children) {
+    children.sa_handler = on_child_ended;  // no SA_RESTART: the wait returns
+  } else {
+    children.sa_handler = SIG_IGN;
+    children.sa_flags = SA_NOCLDWAIT;
+  }
+  ::sigaction(SIGCHLD, &children, nullptr);
 }
 
 int make_daemon(const std::string& directory, int priority) {

@@ -21,6 +21,8 @@ void set_terminate_state(int listen_fd, int use_lock, const std::string& lock_pa
 
 // SIGHUP, SIGINT, SIGQUIT, SIGABRT and SIGTERM end the agent; SIGCHLD is
 // ignored with SA_NOCLDWAIT so request children are reaped by the system.
-void install_signal_dispositions();
+// With count_children (hardened mode) the agent reaps them itself instead,
+// to know how many run: SIGCHLD then only interrupts its wait.
+void install_signal_dispositions(bool count_children = false);
 
 }  // namespace kova

@@ -13,6 +13,7 @@
 #include "delivery/merge_request.h"
 #include "delivery/perf_request.h"
 #include "delivery/queries.h"
+#include "settings/hardening.h"
 #include "update/update_request.h"
 #include "wire/packet.h"
 #include "wire/request.h"
@@ -127,11 +128,13 @@ int sorlex_request(int fd, const std::string& address, int opcode, const AgentSe
   int status;
   if (opcode == kOpStartSorlex) {
     log_printf("I-SORLEX_START", "Start Sorlex request from %s", address.c_str());
-    status = StartSORLEX_UNIX(root, s.verbose);
+    status = program_allowed(s, sorlex_program_path(root)) ? StartSORLEX_UNIX(root, s.verbose)
+                                                           : CheckSORLEX_UNIX(root, s.verbose);
     write_to_log("I-SORLEX_START", status == kStatusRunning ? "sorlexagent started" : "sorlexagent NOT started");
   } else if (opcode == kOpStopSorlex) {
     log_printf("I-SORLEX_STOP", "Stop SORLEX request from %s", address.c_str());
-    status = StopSORLEX_UNIX(root, s.verbose);
+    status = program_allowed(s, sorlex_program_path(root)) ? StopSORLEX_UNIX(root, s.verbose)
+                                                           : CheckSORLEX_UNIX(root, s.verbose);
     if (status == kStatusNotRunning)
       write_to_log("I-SORLEX_STOP", "SORLEX stopped");
     else
@@ -168,7 +171,7 @@ int perf_request(int fd, const std::string& address, const PacketBuffer& request
     log_printf("E-PERF", "Problem sending .PERF :  %d\n", result);
   if (result != 0)
     send_error(fd, result);
-  else if (validateConsole(address, s.settings_server) == 1)
+  else if (server_admitted(s, address, s.settings_server))
     purge_fetched_data_files(s, state.zud_age);
   return result;
 }

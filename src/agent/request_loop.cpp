@@ -14,9 +14,11 @@
 #include "agent/daemon.h"
 #include "base/clock.h"
 #include "agent/dispatch.h"
+#include "agent/hardened.h"
 #include "base/log.h"
 #include "agent/log_day.h"
 #include "platform/unique.h"
+#include "settings/hardening.h"
 #include "wire/packet.h"
 #include "wire/request.h"
 #include "wire/socket_io.h"
@@ -59,10 +61,21 @@ AcceptFailure judge_accept_failure(int err, std::time_t now, std::time_t& last_l
 void request_loop(AgentState& state) {
   AgentSettings& settings = state.settings;
   std::time_t shortage_logged = -1;
+  const bool hardened = settings.harden == 1;
+  // Hardened mode counts its request children only where it forks them.
+  const bool counted = hardened && settings.fork != 0;
+  if (hardened) prepare_hardened_loop(state);
   for (;;) {
-    sockaddr_in peer{};
-    socklen_t peer_len = sizeof peer;
-    UniqueFd connection(::accept4(state.listen_fd, reinterpret_cast<sockaddr*>(&peer), &peer_len, SOCK_CLOEXEC));
+    sockaddr_storage peer{};
+    UniqueFd connection;
+    if (hardened) {
+      connection = accept_hardened(state, peer);
+      if (!connection && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK || errno == ECONNABORTED))
+        continue;  // a child ended, or the peer left before it was accepted
+    } else {
+      socklen_t peer_len = sizeof peer;
+      connection.reset(::accept4(state.listen_fd, reinterpret_cast<sockaddr*>(&peer), &peer_len, SOCK_CLOEXEC));
+    }
     if (!connection) {
       const int err = errno;
       const AcceptFailure failure = judge_accept_failure(err, clock_now(), shortage_logged);
@@ -71,17 +84,19 @@ void request_loop(AgentState& state) {
       if (failure.pause) pause_accepting();
       continue;
     }
-    char text[INET_ADDRSTRLEN] = {};
-    ::inet_ntop(AF_INET, &peer.sin_addr, text, sizeof text);
-    const std::string address = text;
+    const std::string address = Socket_peer_text(peer);
 
     if (std::getenv("KOVA_DEBUG") != nullptr) state.detailed_logging = 1;
     if (state.detailed_logging == 1) log_printf("I-REQ", "Request from: %s", address.c_str());
 
-    if (validateConsole(address, settings.server) != 1) {
-      refuse_unregistered(std::move(connection), address, state);
+    if (!server_admitted(settings, address, settings.server)) {
+      if (hardened)
+        refuse_unregistered_at_once(std::move(connection), address, state.hardened);
+      else
+        refuse_unregistered(std::move(connection), address, state);
       continue;
     }
+    if (counted && request_limit_reached(state, address)) continue;  // closed at once
 
     if (++state.command_count > state.message_repeat) state.command_count = 0;
     if (get_log_file_name_unix(settings) == 1) write_log_header(settings);
@@ -95,12 +110,16 @@ void request_loop(AgentState& state) {
 
     std::fflush(nullptr);  // nothing buffered may be written twice
     pid_t pid = ::fork();
-    if (pid != 0) continue;  // the parent (or a failed fork) drops its copy
+    if (pid != 0) {  // the parent (or a failed fork) drops its copy
+      if (pid > 0 && counted) ++state.hardened.children;
+      continue;
+    }
 
     // ---- the request child
     ::close(state.listen_fd);
     state.listen_fd = -1;
     set_terminate_state(-1, settings.use_lock, settings.agent_lock_path);
+    if (hardened) enter_hardened_child(state);
     if (state.detailed_logging == 1) log_printf("I-REQ_STR", "Request started: pid %d", ::getpid());
     int result = process_request(connection.get(), address, state, ::getpid());
     if (result == kDispatchTerminate) {

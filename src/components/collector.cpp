@@ -17,6 +17,7 @@
 #include "platform/process.h"
 #include "platform/unique.h"
 #include "base/codes.h"
+#include "settings/hardening.h"
 
 namespace kova {
 namespace {
@@ -25,6 +26,7 @@ constexpr const char* kCollector = "vorn_monitor";
 constexpr const char* kCollectorEsx = "vorn_monitor_es";
 constexpr const char* kOlderCollector = "zudunix";
 constexpr const char* kMeasurewareCollector = "scopeux";
+constexpr const char* kOlderCollectorProgram = "/usr/bin/vorn_monitor";
 constexpr const char* kOlderCollectorStop = "/usr/bin/vorn_monitor -silent -stop";
 
 // A stop is re-checked, and a collector that is still there and still not
@@ -55,9 +57,11 @@ void reset_growth_watch(const AgentSettings& settings, CollectorState& state) {
 }
 
 int check_dc(const AgentSettings& settings, int stops_left);
+int check_measureware(const AgentSettings& settings);
 
 int stop_dc(const AgentSettings& settings, int stops_left) {
   if (settings.measureware_source == 1) {
+    if (!program_allowed(settings, kMeasurewareControl)) return check_measureware(settings);
     (void)run_shell_command(std::string(kMeasurewareControl) + " stop");
     write_to_log("I-STOPPING", "Stopping Measureware server");
     return kStatusNotRunning;
@@ -69,8 +73,10 @@ int stop_dc(const AgentSettings& settings, int stops_left) {
     clock_sleep(1);
   } else {
     // The "@"-summary generation is stopped by its own program.
-    write_to_log("I-COMMAND", kOlderCollectorStop);
-    (void)run_shell_command(kOlderCollectorStop);
+    if (program_allowed(settings, kOlderCollectorProgram)) {
+      write_to_log("I-COMMAND", kOlderCollectorStop);
+      (void)run_shell_command(kOlderCollectorStop);
+    }
   }
   return check_dc(settings, stops_left);
 }
@@ -133,6 +139,7 @@ CollectorState& collector_state() {
 int StartDC_UNIX(const std::string& /*requester*/, int dump_interval, int peak_interval, int retain,
                  const AgentSettings& settings) {
   if (settings.measureware_source == 1) {
+    if (!program_allowed(settings, kMeasurewareControl)) return check_measureware(settings);
     std::string command = std::string(kMeasurewareControl) + " start" + kQuiet;
     (void)run_shell_command(command);
     if (settings.verbose != 0) {
@@ -147,7 +154,9 @@ int StartDC_UNIX(const std::string& /*requester*/, int dump_interval, int peak_i
   if (compare_dc_settings(dc, dump_interval, peak_interval, retain) == 1)
     log_printf("I-DC_SAVE", "Data collector settings saved, %s", dc.settings_file.c_str());
 
-  const ComponentCommand command = component_command(dc.install_dir + "/bin/" + kCollector, "", settings);
+  const std::string program = dc.install_dir + "/bin/" + kCollector;
+  if (!program_allowed(settings, program)) return CheckDC_UNIX(settings);
+  const ComponentCommand command = component_command(program, "", settings);
   if (is_debug(settings)) write_to_log("I-COMMAND", command.shown());
   // The collector detaches by itself once its lock file is written.
   run_component_command(command);

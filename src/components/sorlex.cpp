@@ -17,9 +17,11 @@ namespace {
 
 constexpr const char* kProgram = "sorlexagent";
 
-std::string program_path(const std::string& root) { return root + "/bin/" + kProgram; }
+std::string program_path(const std::string& root) { return sorlex_program_path(root); }
 
 }  // namespace
+
+std::string sorlex_program_path(const std::string& root) { return root + "/bin/" + kProgram; }
 
 int StartSORLEX_UNIX(const std::string& root, int debug) {
   const std::string startup = root + "/sorlexagent.txt";

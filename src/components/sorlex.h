@@ -6,6 +6,9 @@
 
 namespace kova {
 
+// "<root>/bin/sorlexagent": the program the functions below run.
+std::string sorlex_program_path(const std::string& root);
+
 // Puts the spare start-up file "<root>/tmp/sorlexagent.txt" in place when
 // "<root>/sorlexagent.txt" is missing, starts "<root>/bin/sorlexagent"
 // through the shell and returns CheckSORLEX_UNIX(root, debug).

@@ -72,6 +72,18 @@ class SigpipeHeld {
   sigset_t pipe_, saved_;
 };
 
+// A file being received under a temporary name: removed unless it was
+// renamed into place.
+struct PartialFile {
+  std::string path;
+  PartialFile() = default;
+  PartialFile(const PartialFile&) = delete;
+  PartialFile& operator=(const PartialFile&) = delete;
+  ~PartialFile() {
+    if (!path.empty()) (void)::unlink(path.c_str());
+  }
+};
+
 }  // namespace
 
 int send_file_bytes(int socket, int fd, int64_t size, int64_t& sent, int& error) {
@@ -175,7 +187,17 @@ int send_ascii_file(int socket, const AgentSettings& settings, const std::string
 int receive_ascii_file(int socket, const AgentSettings& settings, const std::string& path, const std::string& peer,
                        PacketBuffer& buffer, [[maybe_unused]] PacketBuffer& spare, int send_ack, int ack_code) {
   log_printf("I-REQ_RCV", "Receive File request from %s, %s", peer.c_str(), path.c_str());
-  UniqueFd out(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+  const bool whole_or_nothing = settings.harden == 1;
+  PartialFile partial;
+  UniqueFd out;
+  if (whole_or_nothing) {
+    partial.path = path + ".XXXXXX";
+    out.reset(::mkostemp(partial.path.data(), O_CLOEXEC));
+    if (!out) partial.path.clear();
+    else (void)::fchmod(out.get(), 0644);  // as a file created under the agent's umask
+  } else {
+    out.reset(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+  }
   if (!out) {
     log_printf("E-OPEN", "Unable to open %s : %s", path.c_str(), std::strerror(errno));
     return kTransferOpenFailed;
@@ -194,6 +216,13 @@ int receive_ascii_file(int socket, const AgentSettings& settings, const std::str
   // Both fields are signed on the wire: a count below 1 means no blocks.
   const int32_t blocks = Packet_CheckLONG(buffer, 2);
   const int16_t last = Packet_CheckOPCODE(buffer, 6);
+  const int64_t announced = int64_t{std::max<int32_t>(blocks, 0)} * kTransferBlockSize + std::max<int16_t>(last, 0);
+  if (whole_or_nothing && announced > kReceiveMaxBytes) {
+    log_printf("W-HARDENED", "Hardened mode: %s refused, %lld bytes announced, at most %lld", path.c_str(),
+               static_cast<long long>(announced), static_cast<long long>(kReceiveMaxBytes));
+    errno = EFBIG;
+    return kTransferRefused;
+  }
 
   // Block by block, so that a connection lost mid-file leaves every block
   // that arrived whole in the file, and nothing of the one cut short.
@@ -214,6 +243,13 @@ int receive_ascii_file(int socket, const AgentSettings& settings, const std::str
       log_printf("W-WRITE", "Write to file %s failed : %s", path.c_str(), std::strerror(errno));
       return kTransferWriteFailed;
     }
+  }
+  if (whole_or_nothing) {
+    if (out.close() != 0 || ::rename(partial.path.c_str(), path.c_str()) != 0) {
+      log_printf("E-WRITE", "Write to file %s failed : %s", path.c_str(), std::strerror(errno));
+      return kTransferWriteFailed;
+    }
+    partial.path.clear();  // it is the file now
   }
   out.reset();
   log_printf("I-RECVD", "Received:  %s   %lld bytes\n", path.c_str(),

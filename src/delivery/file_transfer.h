@@ -23,7 +23,11 @@ enum TransferResult : int {
   kTransferSendFailed = 2,   // send: socket write short
   kTransferWriteFailed = 3,  // receive: local file write failed
   kTransferOpenFailed = 4,   // receive: local file not opened
+  kTransferRefused = 9,      // receive, hardened: more than kReceiveMaxBytes announced
 };
+
+// The most a received file may announce in hardened mode.
+inline constexpr int64_t kReceiveMaxBytes = int64_t{64} << 20;
 
 // Streams the file at `path`: the header, then its bytes. `buffer` carries
 // the header; block_size is 522 (any value outside 1..522 is taken as 522).
@@ -44,7 +48,11 @@ enum TransferResult : int {
 // Receives a file into `path` (truncated). With send_ack == 1 first sends
 // the 10-byte acknowledgement for ack_code. `peer` is only logged; `spare`
 // is not used. A transfer cut short leaves the blocks received so far in
-// the file. Returns a TransferResult.
+// the file. In hardened mode the file is received beside `path` under a
+// temporary name and renamed over it only when complete, so a cut transfer
+// leaves the old file; one that announces more than kReceiveMaxBytes is
+// refused (errno EFBIG) before anything is written. Returns a
+// TransferResult.
 [[nodiscard]] int receive_ascii_file(int socket, const AgentSettings& settings, const std::string& path,
                                      const std::string& peer, PacketBuffer& buffer, PacketBuffer& spare,
                                      int send_ack, int ack_code);

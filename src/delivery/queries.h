@@ -19,13 +19,13 @@ int process_getversion_request(int fd, const AgentSettings& settings);
 
 // Free megabytes (kilobytes / 1000) of the file system holding the path in
 // the payload, or "Unknown" when there is no path or it cannot be queried.
-// Returns 1.
+// In hardened mode a missing path is never created. Returns 1.
 int process_getdiskspace_request(int fd, const AgentSettings& settings, const std::string& peer,
                                  const unsigned char* payload, int length);
 
 // Free kilobytes for an unprivileged user. A path that cannot be queried
-// is created (with its parents, mode 0744) and queried once more. 1, or 0
-// with 0 KB.
-[[nodiscard]] int get_diskspace_free_kb(const std::string& path, int64_t& out_kb);
+// is created (with its parents, mode 0744) and queried once more, unless
+// create_missing is false. 1, or 0 with 0 KB.
+[[nodiscard]] int get_diskspace_free_kb(const std::string& path, int64_t& out_kb, bool create_missing = true);
 
 }  // namespace kova

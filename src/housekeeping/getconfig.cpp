@@ -14,6 +14,7 @@
 #include "platform/process.h"
 #include "platform/system_facts.h"
 #include "platform/unique.h"
+#include "settings/hardening.h"
 
 namespace kova {
 namespace {
@@ -74,7 +75,8 @@ int get_install_config(const AgentSettings& settings, const DcSettings& dc, cons
   const bool measureware = settings.measureware_source == 1;
   install.collector_name = measureware ? kDataSourceMeasureware : kDataSourceCollector;
   if (measureware) {
-    get_mwa_version(install.collector_version, programs.measureware);
+    if (program_allowed(settings, programs.measureware))
+      get_mwa_version(install.collector_version, programs.measureware);
   } else {
     DcLockfile lock;
     if (dc_read_lockfile(settings.collector_lock_path, lock) == 1) install.collector_version = lock.version;

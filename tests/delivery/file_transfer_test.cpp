@@ -3,6 +3,9 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
+#include <filesystem>
 #include <string>
 #include <tuple>
 
@@ -106,6 +109,33 @@ TEST_F(FileTransfer, ReceiveCutMidFileKeepsTheWholeBlocksAndRefusesAFileItCannot
             kTransferOpenFailed);
   EXPECT_EQ(refused.drain(), "");
   EXPECT_EQ(logged("E-OPEN", "Unable to open " + (dir_ / "no/such/dir") + " : No such file or directory"), 1);
+}
+
+TEST_F(FileTransfer, HardenedReceiveReplacesTheFileOnlyWhenWholeAndRefusesOversizeFirst) {
+  settings_.harden = 1;
+  const std::string path = dir_ / "memory";
+  write_file(path, "old");
+  const std::string body = pattern(522 + 100);
+  EXPECT_EQ(receive(inf_header(3, 10) + body, path), kTransferReadFailed);
+  EXPECT_EQ(receive(inf_header(3, 10) + body, path, false), kTransferReadFailed);  // a stalled server
+  constexpr int64_t kMax = kReceiveMaxBytes;
+  EXPECT_EQ(receive(inf_header(kMax / 522, kMax % 522) + body, path), kTransferReadFailed);  // the most is allowed
+  EXPECT_EQ(receive(inf_header(kMax / 522, kMax % 522 + 1) + body, path), kTransferRefused);
+  EXPECT_EQ(errno, EFBIG);
+  EXPECT_EQ(receive(inf_header(-1, 5) + "12345", dir_ / "other"), kTransferOk);  // no blocks
+  EXPECT_EQ(read_file(path), "old");
+  EXPECT_EQ(logged("W-HARDENED", "Hardened mode: " + path + " refused, 67108865 bytes announced, at most 67108864"), 1);
+
+  EXPECT_EQ(receive(transfer_of(body), path), kTransferOk);
+  EXPECT_EQ(read_file(path), body);
+  struct stat st {};
+  ASSERT_EQ(::stat(path.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0644u);
+  // No partial file is left beside it.
+  size_t files = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(dir_.path()))
+    files += entry.path().filename().string().starts_with("memory");
+  EXPECT_EQ(files, 1u);
 }
 
 // A file name reaches the compression shell as one quoted word; the
