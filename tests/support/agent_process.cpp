@@ -30,6 +30,22 @@ sockaddr_in loopback(int port) {
   return addr;
 }
 
+// The socket address of an IPv4 or IPv6 literal and a port; its length, or
+// 0 when `text` is neither.
+socklen_t socket_address(const std::string& text, int port, sockaddr_storage& addr) {
+  auto* v4 = reinterpret_cast<sockaddr_in*>(&addr);
+  auto* v6 = reinterpret_cast<sockaddr_in6*>(&addr);
+  if (::inet_pton(AF_INET, text.c_str(), &v4->sin_addr) == 1) {
+    v4->sin_family = AF_INET, v4->sin_port = htons(static_cast<uint16_t>(port));
+    return sizeof *v4;
+  }
+  if (::inet_pton(AF_INET6, text.c_str(), &v6->sin6_addr) == 1) {
+    v6->sin6_family = AF_INET6, v6->sin6_port = htons(static_cast<uint16_t>(port));
+    return sizeof *v6;
+  }
+  return 0;
+}
+
 // The agent with `args`, its output in `io`/out and `io`/err; its pid in
 // the namespace, or -1.
 pid_t spawn(PidNamespace& zone, std::vector<std::string> args, std::vector<std::string> env, const TempDir& io,
@@ -133,10 +149,17 @@ int free_port() {
   return port;
 }
 
-int connect_loopback(int port) {
-  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in addr = loopback(port);
-  if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0) return fd;
+int connect_loopback(int port) { return connect_to("127.0.0.1", port); }
+
+int connect_to(const std::string& host, int port, const std::string& source) {
+  sockaddr_storage to{}, from{};
+  const socklen_t to_len = socket_address(host, port, to);
+  if (to_len == 0) return -1;
+  int fd = ::socket(to.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const socklen_t from_len = source.empty() ? 0 : socket_address(source, 0, from);
+  if ((from_len == 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&from), from_len) == 0) &&
+      ::connect(fd, reinterpret_cast<sockaddr*>(&to), to_len) == 0)
+    return fd;
   ::close(fd);
   return -1;
 }
@@ -152,6 +175,9 @@ RunningAgent::RunningAgent(const InstallTree& tree, int port, std::vector<std::s
   args.insert(args.end(), extra.begin(), extra.end());
   bool foreground = false;
   for (const auto& a : args) foreground |= a == "-nofork";
+  std::string probe = "127.0.0.1";  // where the agent listens
+  for (size_t i = 0; i + 1 < args.size(); ++i)
+    if (args[i] == "-listen" && args[i + 1] != "::" && args[i + 1] != "0.0.0.0") probe = args[i + 1];
 
   pid_t launcher = spawn(*zone_, args, env, *io_);
   if (launcher < 0) return;
@@ -167,7 +193,7 @@ RunningAgent::RunningAgent(const InstallTree& tree, int port, std::vector<std::s
     if (auto at = content.find("PID~"); at != std::string::npos) pid_ = std::atoi(content.c_str() + at + 4);
   }
   const auto accepting = [&] {
-    const int fd = connect_loopback(port_);
+    const int fd = connect_to(probe, port_);
     return (fd >= 0 && ::close(fd) == 0) || !alive();
   };
   if (pid_ > 0 && !eventually(accepting, std::chrono::seconds(10))) pid_ = -1;
@@ -202,8 +228,11 @@ int RunningAgent::stop(int signal) {
 }
 
 std::string round_trip(int port, const std::string& request, std::chrono::milliseconds limit) {
+  return round_trip_on(connect_loopback(port), request, limit);
+}
+
+std::string round_trip_on(int fd, const std::string& request, std::chrono::milliseconds limit) {
   std::string reply;
-  int fd = connect_loopback(port);
   if (fd < 0) return reply;
   if (::send(fd, request.data(), request.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(request.size())) {
     ::shutdown(fd, SHUT_WR);  // the server sends its whole request up front

@@ -69,6 +69,10 @@ int free_port();
 // A socket connected to `port` on 127.0.0.1, or -1.
 int connect_loopback(int port);
 
+// A socket connected to `port` on the IPv4 or IPv6 literal `host`, from the
+// local address `source` when one is given, or -1.
+int connect_to(const std::string& host, int port, const std::string& source = "");
+
 // A started agent in the test's namespace, whose init reaps a daemonised
 // agent and reports its exit status.
 class RunningAgent {
@@ -110,6 +114,10 @@ class RunningAgent {
 // `limit` passes, returns what arrived.
 std::string round_trip(int port, const std::string& request,
                        std::chrono::milliseconds limit = std::chrono::seconds(10));
+
+// The same over a connection already made, which it closes; "" when fd < 0.
+std::string round_trip_on(int fd, const std::string& request,
+                          std::chrono::milliseconds limit = std::chrono::seconds(10));
 
 // A 40-byte request with `opcode` and optional argument bytes at offset 2.
 std::string request_packet(int opcode, const std::string& args = {});
