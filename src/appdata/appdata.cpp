@@ -145,7 +145,7 @@ int appdata_validate_path(std::string_view registered_list, std::string_view dir
 
 int appdata_find_files(std::vector<std::string>& found, const std::string& registered_list, std::string_view path,
                        std::span<const DateStyle> styles, std::optional<std::string_view> suffix, int use_dates,
-                       int verbose) {
+                       int verbose, bool skip_links) {
   found.clear();
   std::string dir, pattern;
   // A path that cannot be split names no directory, so none that is registered.
@@ -179,7 +179,7 @@ int appdata_find_files(std::vector<std::string>& found, const std::string& regis
     if (name.find(pattern) == std::string_view::npos) continue;
     if (!dated_and_suffixed(name, styles, suffix, use_dates)) continue;
     struct stat st;
-    if (::fstatat(dir_fd.get(), entry->d_name, &st, 0) != 0) {
+    if (::fstatat(dir_fd.get(), entry->d_name, &st, skip_links ? AT_SYMLINK_NOFOLLOW : 0) != 0) {
       const int error = errno;
       if (verbose)
         log_printf("W-STATFAIL", "Not able to stat() file %s, %s", log_escape(entry->d_name).c_str(),
@@ -196,11 +196,12 @@ int appdata_find_files(std::vector<std::string>& found, const std::string& regis
   return kResultOk;
 }
 
-int appdata_purge_files(std::string_view path, const std::string& extension, int days, int verbose) {
+int appdata_purge_files(std::string_view path, const std::string& extension, int days, int verbose,
+                        bool files_only) {
   std::string dir, pattern;
   if (get_unix_path(path, dir, pattern, verbose) != 1) return 0;
   pattern.resize(std::min(pattern.size(), pattern.find('*')));
-  return purge_appdata_file(dir, pattern, extension, days, verbose);
+  return purge_appdata_file(dir, pattern, extension, days, verbose, files_only);
 }
 
 }  // namespace kova

@@ -48,17 +48,22 @@ int appdata_build_time_filters(std::string_view day);
 // (cut at the first "*"), then, with use_dates, the first non-empty
 // rendered date of `styles` that they contain, and `suffix` when given.
 // Names come only from reading that directory, which must be registered.
+// With skip_links (hardened mode) a link is skipped even when it points at
+// a regular file.
 // Returns 0; 17 when the directory is not registered, 18 when it cannot be
 // opened (each logged).
 [[nodiscard]] int appdata_find_files(std::vector<std::string>& found, const std::string& registered_list,
                                      std::string_view path, std::span<const DateStyle> styles,
-                                     std::optional<std::string_view> suffix, int use_dates, int verbose);
+                                     std::optional<std::string_view> suffix, int use_dates, int verbose,
+                                     bool skip_links = false);
 
 // Deletes the files of the directory of `path` whose names begin with its
 // name pattern (cut at the first "*"), whose extension begins with
 // `extension`, and that are more than `days` + 1 days old. Returns the
 // purge's result, or 0 when `path` cannot be split. The caller has
-// checked the directory against the registered list.
-[[nodiscard]] int appdata_purge_files(std::string_view path, const std::string& extension, int days, int verbose);
+// checked the directory against the registered list. With files_only
+// (hardened mode) links and anything but regular files are left alone.
+[[nodiscard]] int appdata_purge_files(std::string_view path, const std::string& extension, int days, int verbose,
+                                      bool files_only = false);
 
 }  // namespace kova

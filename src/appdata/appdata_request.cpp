@@ -78,7 +78,7 @@ int process_appdata_request(int socket, const AgentSettings& settings, const std
   const std::optional<std::string_view> suffix =
       f.append_suffix == 1 ? std::optional<std::string_view>(f.suffix) : std::nullopt;
   if (int result = appdata_find_files(found, settings.app_data_dir, f.app_file, appdata_state().styles, suffix,
-                                      f.append_time, settings.verbose);
+                                      f.append_time, settings.verbose, settings.harden == 1);
       result != kResultOk)
     return result;
   if (found.empty()) return kResultRawDataNotFound;
@@ -116,7 +116,7 @@ int process_appdata_request(int socket, const AgentSettings& settings, const std
     }
   }
 
-  if (f.purge >= 0) (void)appdata_purge_files(f.app_file, f.suffix, f.purge, settings.verbose);
+  if (f.purge >= 0) (void)appdata_purge_files(f.app_file, f.suffix, f.purge, settings.verbose, settings.harden == 1);
   return result;
 }
 

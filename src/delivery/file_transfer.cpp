@@ -131,7 +131,11 @@ int send_ascii_file(int socket, const AgentSettings& settings, const std::string
                     int block_size) {
   const int64_t block = block_size >= 1 && block_size <= static_cast<int>(kPacketSize) ? block_size
                                                                                        : kTransferBlockSize;
-  UniqueFile file(std::fopen(path.c_str(), "re"));
+  // Hardened mode sends no file through a link: one swapped in after the
+  // file was chosen must not reach beyond the directory it was chosen from.
+  UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | (settings.harden == 1 ? O_NOFOLLOW : 0)));
+  UniqueFile file(fd ? ::fdopen(fd.get(), "r") : nullptr);
+  if (file) (void)fd.release();
   int64_t size = -1;
   if (file) {
     size = GetFileSizeByName(path);

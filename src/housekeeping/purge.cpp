@@ -24,7 +24,7 @@ std::time_t purge_cutoff(int days) {
 }
 
 int purge_file(const std::string& directory, const std::string& prefix, const std::string& extension,
-               std::time_t cutoff, int verbose) {
+               std::time_t cutoff, int verbose, bool files_only) {
   // The directory and names may come from a request: shown escaped.
   const std::string shown = log_escape(directory);
   if (verbose) log_printf("I-PURGE", "Checking data files for purge in %s", shown.c_str());
@@ -49,10 +49,11 @@ int purge_file(const std::string& directory, const std::string& prefix, const st
     if (name == "." || name == "..") continue;
 
     struct stat st;
-    if (::fstatat(dir_fd.get(), entry->d_name, &st, 0) != 0) {
+    if (::fstatat(dir_fd.get(), entry->d_name, &st, files_only ? AT_SYMLINK_NOFOLLOW : 0) != 0) {
       log_printf("E-STAT_FAIL", "Unable to stat() folder %s \n", log_escape(entry->d_name).c_str());
       continue;
     }
+    if (files_only && !S_ISREG(st.st_mode)) continue;
     if (st.st_mtime > cutoff) continue;
 
     size_t dot = name.rfind('.');
@@ -97,9 +98,9 @@ int purge_log_file(const std::string& log_dir, const std::string& hostname, cons
 }
 
 int purge_appdata_file(const std::string& directory, const std::string& prefix, const std::string& extension,
-                       int days, int verbose) {
+                       int days, int verbose, bool files_only) {
   if (days < 0) return 0;
-  return purge_file(directory, prefix, extension, purge_cutoff(days + 1), verbose);
+  return purge_file(directory, prefix, extension, purge_cutoff(days + 1), verbose, files_only);
 }
 
 }  // namespace kova

@@ -11,9 +11,11 @@ namespace kova {
 // extension (from the last ".", not a leading one) begins with `extension`,
 // and whose modification time is at or before `cutoff`. Every deletion is
 // logged; an entry that cannot be read or deleted is logged and skipped.
+// With files_only, links and anything but regular files are left alone.
 // Returns 1 when the directory was scanned, 0 when it could not be opened.
 [[nodiscard]] int purge_file(const std::string& directory, const std::string& prefix,
-                             const std::string& extension, std::time_t cutoff, int verbose);
+                             const std::string& extension, std::time_t cutoff, int verbose,
+                             bool files_only = false);
 
 // The same wall-clock time `days` calendar days before now.
 std::time_t purge_cutoff(int days);
@@ -28,6 +30,7 @@ std::time_t purge_cutoff(int days);
 [[nodiscard]] int purge_log_file(const std::string& log_dir, const std::string& hostname,
                                  const std::string& extension, int days, int verbose);
 [[nodiscard]] int purge_appdata_file(const std::string& directory, const std::string& prefix,
-                                     const std::string& extension, int days, int verbose);
+                                     const std::string& extension, int days, int verbose,
+                                     bool files_only = false);
 
 }  // namespace kova

@@ -186,8 +186,35 @@ int receive_bin_file(const std::string& log_file_path, int socket, size_t block_
 
 int process_update_request(int socket, const AgentSettings& settings, const std::string& peer,
                            const std::string& request_line) {
-  return lib_process_update_request(socket, log_state().logfile, settings.update_tmp_dir, settings.log_dir,
-                                    request_line, peer);
+  std::string line = request_line;
+  if (settings.harden == 1) {
+    const std::string refusal = hardened_update_refusal(settings, line);
+    if (!refusal.empty()) {
+      log_printf("W-HARDENED", "Hardened mode: update from %s refused, %s", peer.c_str(), refusal.c_str());
+      // The answers the server knows for a failed update; its file is not
+      // read.
+      (void)Socket_writen(socket, "OK\r\n", 4);
+      (void)Socket_writen(socket, "FAIL\r\n", 6);
+      return -1;
+    }
+  }
+  return lib_process_update_request(socket, log_state().logfile, settings.update_tmp_dir, settings.log_dir, line,
+                                    peer);
+}
+
+std::string hardened_update_refusal(const AgentSettings& settings, std::string& request_line) {
+  if (settings.allow_update != 1) return "updates are disabled (-allow_update or ALLOW_UPDATE~1 enables them)";
+  const UpdateRequest request = parse_update_request(request_line);
+  const std::string target = resolved_path(request.directory);
+  if (request.words < 4 || !request.directory.starts_with('/') || target.find_first_of(kBlanks) != std::string::npos ||
+      !path_inside(target, resolved_path(settings.install_root)))
+    return string_printf("target directory \"%s\" is not inside the install root %s", request.directory.c_str(),
+                         settings.install_root.c_str());
+  // The update goes where the check looked, whatever a link inside the
+  // tree is changed to meanwhile.
+  request_line = string_printf("%s %s %s %s %s", std::string(kUpdateTag).c_str(), request.name.c_str(),
+                               request.size.c_str(), request.checksum.c_str(), target.c_str());
+  return {};
 }
 
 int lib_process_update_request(int socket, const std::string& log_file_path, const std::string& /*update_tmp_dir*/,

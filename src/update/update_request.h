@@ -54,6 +54,14 @@ void update_log(const std::string& log_file_path, const char* format, ...) __att
 int process_update_request(int socket, const AgentSettings& settings, const std::string& peer,
                            const std::string& request_line);
 
+// In hardened mode, why the update in `request_line` must be refused: the
+// agent was not given -allow_update (ALLOW_UPDATE~1), or the target
+// directory, its links resolved, is not inside the install root. Empty
+// when it may go ahead; `request_line` then names the resolved directory.
+// process_update_request answers a refusal "OK\r\n" then "FAIL\r\n" without
+// reading the file, and logs it ("W-HARDENED").
+std::string hardened_update_refusal(const AgentSettings& settings, std::string& request_line);
+
 // The update itself; lines go to `log_file_path`, the update's output to
 // "update.log" in `log_dir`. `update_tmp_dir` is not used: the request
 // names the target directory. Returns the last clean-up deletion's result

@@ -5,6 +5,8 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <ctime>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -100,6 +102,25 @@ TEST_F(AppDataFiles, SelectionByPatternDayAndSuffixNewestFindFirst) {
                                0, 0), 18);
   EXPECT_EQ(logged("E-APPDATA_INVALID_PATH", "Application data path not registered with the KOVAAgent"), 3);
   EXPECT_EQ(logged("E-OPENDIR", "Not able to open " + apps_ / "gone, No such file or directory"), 1);
+}
+
+// Hardened mode: a link is neither selected nor purged, even to a file.
+TEST_F(AppDataFiles, HardenedModeLeavesLinksAlone) {
+  write_file(apps_ / "logs/app_1.log", "file");
+  write_file(apps_ / "outside.log", "not registered");
+  ASSERT_EQ(::symlink((apps_ / "outside.log").c_str(), (apps_ / "logs/app_2.log").c_str()), 0);
+  for (bool hardened : {false, true}) {
+    std::vector<std::string> found;
+    EXPECT_EQ(appdata_find_files(found, settings_.app_data_dir, apps_ / "logs/app", appdata_state().styles,
+                                 std::nullopt, 0, 0, hardened),
+              0);
+    EXPECT_EQ(found.size(), hardened ? 1u : 2u);
+  }
+  set_mtime(apps_ / "logs/app_1.log", std::time(nullptr) - 10 * 86400);
+  set_mtime(apps_ / "outside.log", std::time(nullptr) - 10 * 86400);
+  EXPECT_EQ(appdata_purge_files(apps_ / "logs/app", ".log", 1, 0, true), 1);
+  EXPECT_FALSE(file_exists(apps_ / "logs/app_1.log"));
+  EXPECT_TRUE(std::filesystem::is_symlink(apps_ / "logs/app_2.log"));
 }
 
 // The handler over a socket pair: what reaches the server, and what a

@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <string>
 #include <utility>
 #include <vector>
@@ -155,6 +156,13 @@ TEST(Hardened, ServesOverIPv6AndLeavesFilesAsTheyWere) {
   const std::string missing = tree / "no/such/dir";
   EXPECT_EQ(round_trip(port, extended_packet("<DISKSPACE>", missing)), std::string(8, '\0') + padded("Unknown", 32));
   EXPECT_FALSE(file_exists(tree / "no"));
+
+  // An update while updates are not allowed: the answers of a failed one, its file not read.
+  const std::string update = extended_packet("<UPDATE_DATA>", "<UPDATE_DATA> u.tar 10 1 " + tree / "update");
+  EXPECT_EQ(round_trip(port, update + "0123456789"), std::string(8, '\0') + "OK\r\nFAIL\r\n");
+  EXPECT_TRUE(std::filesystem::is_empty(tree / "update"));
+  EXPECT_NE(tree.log().find("W-HARDENED,    Hardened mode: update from 127.0.0.1 refused, updates are disabled"),
+            std::string::npos);
 
   // A memory file cut half-way, then one announced too large: the old file stays.
   const std::string memory = tree / ("settings/kova_" + tree.hostname() + ".memory");

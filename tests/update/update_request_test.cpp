@@ -2,7 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <string>
+
+#include "platform/files.h"
 
 #include "wire/wire_fixture.h"
 
@@ -72,6 +76,41 @@ TEST_F(ReceiveTest, BlocksAndRemainderMakeTheAnnouncedSize) {
   EXPECT_EQ(receive_bin_file("", silent.agent.get(), kUpdateBlockSize, dir_.path(), "u.tar", "12288"), 1);
   EXPECT_EQ(test::WaitCounter::waits, kReadRetryLimit);
   EXPECT_EQ(receive_bin_file("", silent.agent.get(), kUpdateBlockSize, dir_ / "missing", "u.tar", "1"), -1);
+}
+
+// Hardened mode: only when allowed, only into the install tree, links
+// resolved; the request line then names the resolved directory.
+TEST(UpdateRequest, HardenedModeTakesUpdatesOnlyWhenAllowedAndOnlyIntoTheInstallTree) {
+  test::TempDir root, elsewhere;
+  test::make_dirs(root / "update");
+  ASSERT_EQ(::symlink(elsewhere.path().c_str(), (root / "away").c_str()), 0);
+  AgentSettings s;
+  s.harden = 1, s.allow_update = 1, s.install_root = root.path();
+  const struct {
+    int allow;
+    std::string directory;
+    const char* refusal;
+  } cases[] = {
+      {0, root / "update", "updates are disabled"},
+      {1, root / "update", ""},
+      {1, root / "new/deeper", ""},  // made by the update
+      {1, root / "away", "is not inside the install root"},
+      {1, root / "away/update", "is not inside the install root"},
+      {1, root / "update/../..", "is not inside the install root"},
+      {1, elsewhere.path(), "is not inside the install root"},
+      {1, "update", "is not inside the install root"},
+  };
+  for (const auto& c : cases) {
+    s.allow_update = c.allow;
+    std::string line = "<UPDATE_DATA> u.tar 10 1 " + c.directory;
+    const std::string refusal = hardened_update_refusal(s, line);
+    if (*c.refusal == '\0') {
+      EXPECT_EQ(refusal, "") << c.directory;
+      EXPECT_EQ(line, "<UPDATE_DATA> u.tar 10 1 " + resolved_path(c.directory));
+    } else {
+      EXPECT_NE(refusal.find(c.refusal), std::string::npos) << c.directory << ": " << refusal;
+    }
+  }
 }
 
 }  // namespace
