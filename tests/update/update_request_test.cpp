@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <string>
+#include <tuple>
 
 #include "platform/files.h"
 
@@ -85,30 +86,17 @@ TEST(UpdateRequest, HardenedModeTakesUpdatesOnlyWhenAllowedAndOnlyIntoTheInstall
   test::make_dirs(root / "update");
   ASSERT_EQ(::symlink(elsewhere.path().c_str(), (root / "away").c_str()), 0);
   AgentSettings s;
-  s.harden = 1, s.allow_update = 1, s.install_root = root.path();
-  const struct {
-    int allow;
-    std::string directory;
-    const char* refusal;
-  } cases[] = {
-      {0, root / "update", "updates are disabled"},
-      {1, root / "update", ""},
-      {1, root / "new/deeper", ""},  // made by the update
-      {1, root / "away", "is not inside the install root"},
-      {1, root / "away/update", "is not inside the install root"},
-      {1, root / "update/../..", "is not inside the install root"},
-      {1, elsewhere.path(), "is not inside the install root"},
-      {1, "update", "is not inside the install root"},
-  };
-  for (const auto& c : cases) {
-    s.allow_update = c.allow;
-    std::string line = "<UPDATE_DATA> u.tar 10 1 " + c.directory;
-    const std::string refusal = hardened_update_refusal(s, line);
-    if (*c.refusal == '\0') {
-      EXPECT_EQ(refusal, "") << c.directory;
-      EXPECT_EQ(line, "<UPDATE_DATA> u.tar 10 1 " + resolved_path(c.directory));
-    } else {
-      EXPECT_NE(refusal.find(c.refusal), std::string::npos) << c.directory << ": " << refusal;
+  s.harden = 1, s.install_root = root.path();
+  for (const auto& [allow, directory, refusal] : std::initializer_list<std::tuple<int, std::string, const char*>>{
+           {0, root / "update", "updates are disabled"}, {1, root / "update", ""}, {1, root / "new/deeper", ""},
+           {1, root / "away/update", "is not inside"}, {1, root / "update/../..", "is not inside"},
+           {1, "update", "is not inside"}}) {
+    s.allow_update = allow;
+    std::string line = "<UPDATE_DATA> u.tar 10 1 " + directory;
+    const std::string said = hardened_update_refusal(s, line);
+    EXPECT_NE(said.find(refusal), std::string::npos) << directory << ": " << said;
+    if (*refusal == '\0') {
+      EXPECT_EQ(std::tuple(said, line), std::tuple("", "<UPDATE_DATA> u.tar 10 1 " + resolved_path(directory)));
     }
   }
 }
