@@ -16,6 +16,8 @@
 namespace kova::test {
 namespace {
 
+using Hardened = AgentTest;
+
 const std::string kVersion = "0a00060000000000", kUnregistered = "05000a0000000000";
 
 std::string version_from(const std::string& source, int port) {
@@ -46,7 +48,7 @@ int children_of(pid_t pid) {
   return count;
 }
 
-TEST(Hardened, UnregisteredPeersAreRefusedAtOnceAndNeitherStallNorEndTheAgent) {
+TEST_F(Hardened, UnregisteredPeersAreRefusedAtOnceAndNeitherStallNorEndTheAgent) {
   InstallTree tree;
   RunningAgent agent(tree, free_port(), {"-harden", "-server", "127.0.0.2/31"});
   ASSERT_TRUE(agent.started()) << agent.launch().err;
@@ -73,25 +75,25 @@ TEST(Hardened, UnregisteredPeersAreRefusedAtOnceAndNeitherStallNorEndTheAgent) {
   EXPECT_EQ(hex(round_trip(listed.port(), request_packet(14))), kUnregistered);  // no substring match
 }
 
-TEST(Hardened, ConnectionsBeyondTheLimitAreClosedAtOnceUntilAChildEnds) {
+TEST_F(Hardened, ConnectionsBeyondTheLimitAreClosedAtOnceUntilAChildEnds) {
   InstallTree tree;
   write_file(tree / ("settings/kova_" + tree.hostname() + ".config"), "KOVASERVER~127.0.0.1\nHARDEN~1\nMAX_REQUESTS~4\n");
   RunningAgent agent(tree, free_port());
   ASSERT_TRUE(agent.started()) << agent.launch().err;
-  ASSERT_TRUE(eventually([&] { return children_of(agent.pid()) == 0; }));  // the probe's child is gone
+  ASSERT_TRUE(eventually([&] { return children_of(agent.host_pid()) == 0; }));  // the probe's child is gone
   std::vector<int> silent;
   for (int i = 0; i < 6; ++i) silent.push_back(connect_to("127.0.0.1", agent.port()));
   EXPECT_EQ(to_silent_peer(silent[4]) + to_silent_peer(silent[5]), "");  // closed, nothing sent
-  EXPECT_EQ(children_of(agent.pid()), 4);
+  EXPECT_EQ(children_of(agent.host_pid()), 4);
   EXPECT_EQ(round_trip(agent.port(), request_packet(14)), "");
   ::close(silent[0]);  // its child reads the end of the request and ends
   EXPECT_TRUE(eventually([&] { return hex(round_trip(agent.port(), request_packet(14))) == kVersion; }));
   for (int fd : silent) ::close(fd);
-  EXPECT_TRUE(eventually([&] { return children_of(agent.pid()) == 0; }));  // none left a zombie
+  EXPECT_TRUE(eventually([&] { return children_of(agent.host_pid()) == 0; }));  // none left a zombie
   EXPECT_EQ(occurrences(tree.log(), "W-REQ_LIMIT,   4 requests running, the most at once"), 1u);
 }
 
-TEST(Hardened, RefusesToStartWithAServerListThatServesEveryoneOrNoOne) {
+TEST_F(Hardened, RefusesToStartWithAServerListThatServesEveryoneOrNoOne) {
   InstallTree tree;
   for (const char* servers : {"0.0.0.0", ""}) {
     const RunResult r =
@@ -102,7 +104,7 @@ TEST(Hardened, RefusesToStartWithAServerListThatServesEveryoneOrNoOne) {
   EXPECT_FALSE(file_exists(tree.lock_path()));
 }
 
-TEST(Hardened, ServesOverIPv6AndLeavesFilesAsTheyWere) {
+TEST_F(Hardened, ServesOverIPv6AndLeavesFilesAsTheyWere) {
   InstallTree tree;
   RunningAgent agent(tree, free_port(), {"-harden", "-server", "127.0.0.1,::1", "-listen", "::"}, {"KOVA_DEBUG=1"});
   ASSERT_TRUE(agent.started()) << agent.launch().err;
