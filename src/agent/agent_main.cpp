@@ -204,7 +204,7 @@ int agent_main(int argc, char** argv) {
 
   if (s.harden == 1)
     log_printf("I-HARDENED", "Hardened mode: registered servers %s, at most %d requests at once, updates %s",
-               s.server.c_str(), s.max_requests, s.allow_update == 1 ? "allowed" : "refused");
+               effective_server_list(s.server).c_str(), s.max_requests, s.allow_update == 1 ? "allowed" : "refused");
   write_to_log("I-STARTED", "Agent started");
   std::printf("%s started.\n", kProgramName);
   std::fflush(stdout);

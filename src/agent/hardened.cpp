@@ -97,7 +97,9 @@ void refuse_unregistered_at_once(UniqueFd connection, const std::string& address
     at->second = now;
   } else {
     if (seen.size() >= kUnregisteredLogPeers)
-      std::erase_if(seen, [&](const auto& entry) { return now < entry.second || now - entry.second >= kUnregisteredLogPeriod; });
+      std::erase_if(seen, [&](const auto& entry) {
+        return now < entry.second || now - entry.second >= kUnregisteredLogPeriod;
+      });
     // A flood from more addresses than that within a minute is not logged
     // address by address: the log is no place for it.
     if (seen.size() >= kUnregisteredLogPeers) return;
@@ -130,10 +132,9 @@ void arm_request_deadline(unsigned seconds) {
   char stamp[64] = {};
   if (ctime_r(&at, stamp) != nullptr) stamp[std::strcspn(stamp, "\n")] = '\0';
   copy_cut(g_deadline.log_path, log_state().logfile);
-  g_deadline.length = copy_cut(
-      g_deadline.line,
-      format_log_line(stamp, "E-REQ_TIMEOUT",
-                      string_printf("Request child pid %d still running after %u seconds, ending", ::getpid(), seconds)));
+  const std::string message =
+      string_printf("Request child pid %d still running after %u seconds, ending", ::getpid(), seconds);
+  g_deadline.length = copy_cut(g_deadline.line, format_log_line(stamp, "E-REQ_TIMEOUT", message));
   struct sigaction expire {};
   expire.sa_handler = on_deadline;
   sigemptyset(&expire.sa_mask);

@@ -100,6 +100,20 @@ bool parse_server_list(std::string_view list, std::vector<AddressBlock>& out, st
   return true;
 }
 
+std::string effective_server_list(std::string_view list) {
+  std::vector<AddressBlock> blocks;
+  std::string bad, out;
+  if (!parse_server_list(list, blocks, bad)) return {};
+  for (const AddressBlock& block : blocks) {
+    char text[INET6_ADDRSTRLEN] = {};
+    ::inet_ntop(block.v6 ? AF_INET6 : AF_INET, block.bytes.data(), text, sizeof text);
+    if (!out.empty()) out += ',';
+    out += text;
+    if (block.prefix != (block.v6 ? 128 : 32)) out += "/" + std::to_string(block.prefix);
+  }
+  return out;
+}
+
 bool address_in_blocks(std::string_view address, std::span<const AddressBlock> blocks) {
   AddressBlock peer;
   if (!is_address_literal(address) || !parse_address_block(address, peer)) return false;

@@ -35,6 +35,11 @@ struct AddressBlock {
 // block; `bad` then holds it.
 [[nodiscard]] bool parse_server_list(std::string_view list, std::vector<AddressBlock>& out, std::string& bad);
 
+// The list as hardened mode applies it, for people to check: each entry an
+// address, or a block with its host bits cleared, IPv4-mapped entries as
+// IPv4, joined by ","; "" when the list does not parse.
+std::string effective_server_list(std::string_view list);
+
 // True when the address literal `address` equals one entry of `blocks` or
 // lies in one of its blocks. Never a substring match.
 [[nodiscard]] bool address_in_blocks(std::string_view address, std::span<const AddressBlock> blocks);

@@ -208,8 +208,8 @@ std::string hardened_update_refusal(const AgentSettings& settings, std::string& 
   const std::string target = resolved_path(request.directory);
   if (request.words < 4 || !request.directory.starts_with('/') || target.find_first_of(kBlanks) != std::string::npos ||
       !path_inside(target, resolved_path(settings.install_root)))
-    return string_printf("target directory \"%s\" is not inside the install root %s", log_escape(request.directory).c_str(),
-                         settings.install_root.c_str());
+    return string_printf("target directory \"%s\" is not inside the install root %s",
+                         log_escape(request.directory).c_str(), settings.install_root.c_str());
   // The update goes where the check looked, whatever a link inside the
   // tree is changed to meanwhile.
   request_line = string_printf("%s %s %s %s %s", std::string(kUpdateTag).c_str(), request.name.c_str(),

@@ -77,7 +77,8 @@ TEST_F(Hardened, UnregisteredPeersAreRefusedAtOnceAndNeitherStallNorEndTheAgent)
 
 TEST_F(Hardened, ConnectionsBeyondTheLimitAreClosedAtOnceUntilAChildEnds) {
   InstallTree tree;
-  write_file(tree / ("settings/kova_" + tree.hostname() + ".config"), "KOVASERVER~127.0.0.1\nHARDEN~1\nMAX_REQUESTS~4\n");
+  write_file(tree / ("settings/kova_" + tree.hostname() + ".config"),
+             "KOVASERVER~127.0.0.1\nHARDEN~1\nMAX_REQUESTS~4\n");
   RunningAgent agent(tree, free_port());
   ASSERT_TRUE(agent.started()) << agent.launch().err;
   ASSERT_TRUE(eventually([&] { return children_of(agent.host_pid()) == 0; }));  // the probe's child is gone
@@ -96,8 +97,8 @@ TEST_F(Hardened, ConnectionsBeyondTheLimitAreClosedAtOnceUntilAChildEnds) {
 TEST_F(Hardened, RefusesToStartWithAServerListThatServesEveryoneOrNoOne) {
   InstallTree tree;
   for (const char* servers : {"0.0.0.0", ""}) {
-    const RunResult r =
-        run_agent({"-rootdir", tree.root(), "-port", std::to_string(free_port()), "-nofork", "-harden", "-server", servers});
+    const RunResult r = run_agent(
+        {"-rootdir", tree.root(), "-port", std::to_string(free_port()), "-nofork", "-harden", "-server", servers});
     EXPECT_EQ(r.status, 1) << servers;
     EXPECT_NE(r.err.find("kovaagent, hardened mode"), std::string::npos) << r.err;
   }
@@ -114,7 +115,8 @@ TEST_F(Hardened, ServesOverIPv6AndLeavesFilesAsTheyWere) {
   EXPECT_NE(tree.log().find("Request from: ::1\n"), std::string::npos);
   EXPECT_NE(tree.log().find("Request from: 127.0.0.1\n"), std::string::npos);  // dotted, as ever
 
-  EXPECT_EQ(round_trip(port, extended_packet("<DISKSPACE>", tree / "no/such")), std::string(8, '\0') + padded("Unknown", 32));
+  EXPECT_EQ(round_trip(port, extended_packet("<DISKSPACE>", tree / "no/such")),
+            std::string(8, '\0') + padded("Unknown", 32));
   EXPECT_FALSE(file_exists(tree / "no"));
   const std::string update = extended_packet("<UPDATE_DATA>", "<UPDATE_DATA> u.tar 10 1 " + tree / "update");
   EXPECT_EQ(round_trip(port, update + "0123456789"), std::string(8, '\0') + "OK\r\nFAIL\r\n");  // the file unread

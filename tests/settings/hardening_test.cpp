@@ -36,6 +36,8 @@ TEST(ServerList, HardenedModeMatchesWholeAddressesAndBlocksNeverSubstrings) {
     s.harden = 0;
     EXPECT_EQ(server_admitted(s, peer, list), legacy) << list << " " << peer;
   }
+  EXPECT_EQ(effective_server_list(" 10.1.2.3/15,::ffff:10.0.0.0/104, fd00::1/8,::1"),
+            "10.0.0.0/15,10.0.0.0/8,fd00::/8,::1");
 }
 
 // The real binary shows "0.0.0.0" and an empty list refused.
