@@ -15,6 +15,7 @@
 #include "platform/unique.h"
 #include "settings/agent_settings.h"
 #include "settings/command_line.h"
+#include "settings/hardening.h"
 #include "settings/settings_file.h"
 
 namespace kova {
@@ -24,7 +25,7 @@ constexpr const char* kCheckOption = "-check_config";
 // The longest line the start reads as a setting.
 constexpr size_t kMaxLine = 511;
 
-enum class Kind { kDirectory, kText, kNumber, kSwitch, kServers, kAccount, kDataSource };
+enum class Kind { kDirectory, kText, kNumber, kSwitch, kServers, kAccount, kDataSource, kAddress };
 
 struct KeyRule {
   std::string_view key;
@@ -53,6 +54,10 @@ constexpr KeyRule kKeys[] = {
     {"GROWTH_INTERVAL~", Kind::kNumber, 60, 10800},
     {"DATA_SOURCE~", Kind::kDataSource},
     {"KEEP_PERF~", Kind::kSwitch, 0, 1, false},
+    {"HARDEN~", Kind::kSwitch, 0, 1},
+    {"ALLOW_UPDATE~", Kind::kSwitch, 0, 1},
+    {"MAX_REQUESTS~", Kind::kNumber, 1, kMaxRequestsLimit},
+    {"LISTEN_ADDRESS~", Kind::kAddress},
 };
 
 // Options the check looks at on the command line, with the number of
@@ -75,6 +80,8 @@ constexpr OptionRule kUserOption{"-user", 4, 1, 0};
 constexpr OptionRule kRootOption{"-rootdir", 7, 1, 0};
 constexpr OptionRule kDataOption{"-datadir", 7, 1, 0};
 constexpr OptionRule kLogOption{"-logdir", 5, 1, 0};
+constexpr OptionRule kHardenOption{"-harden", 6, 1, 0};
+constexpr OptionRule kListenOption{"-listen", 6, 1, 0};
 // For settings that no option sets.
 constexpr OptionRule kNoOption{"", 0, 1, 0};
 
@@ -114,6 +121,12 @@ class Checker {
   // Where a setting came from: the command line, the file's line, or ""
   // for the default.
   std::string origin(std::string_view key, const OptionRule& option) const;
+  // origin, or "default".
+  std::string from(std::string_view key, const OptionRule& option) const {
+    const std::string o = origin(key, option);
+    return o.empty() ? "default" : o;
+  }
+  void check_hardened(const AgentSettings& s, const std::string& servers_from);
   bool given(const OptionRule& option) const;
   void check_directory(const AgentSettings& s, const char* what, const std::string& path, std::string where,
                        bool writable);
@@ -182,7 +195,9 @@ void Checker::check_file(const std::string& path) {
 
 void Checker::check_value(const std::string& where, const KeyRule& rule, std::string_view value, bool has_feed) {
   const std::string key(rule.key);
-  const bool text = rule.kind != Kind::kNumber && rule.kind != Kind::kSwitch && rule.kind != Kind::kAccount;
+  // Numbers, the account and the listen address are read trimmed or by atoi.
+  const bool text = rule.kind != Kind::kNumber && rule.kind != Kind::kSwitch && rule.kind != Kind::kAccount &&
+                    rule.kind != Kind::kAddress;
   if (text && !has_feed && !value.empty()) {
     add(Severity::kError, where,
         "no line feed at the end of the file: a start drops the value's last character and reads " +
@@ -218,6 +233,13 @@ void Checker::check_value(const std::string& where, const KeyRule& rule, std::st
     case Kind::kAccount: {
       std::string account(value);
       if (LibTrim1(account) == 0) add(Severity::kError, where, "USER~ names no account");
+      break;
+    }
+    case Kind::kAddress: {
+      std::string address(value);
+      LibTrim1(address);
+      if (!is_address_literal(address))
+        add(Severity::kError, where, key + " " + quoted(address) + " is not an IPv4 or IPv6 address: a start fails");
       break;
     }
     case Kind::kText:
@@ -288,15 +310,39 @@ void Checker::check_directory(const AgentSettings& s, const char* what, const st
         std::string(what) + " " + path + " is not writable by the service account " + s.user);
 }
 
+void Checker::check_hardened(const AgentSettings& s, const std::string& servers_from) {
+  add(Severity::kNote, from("HARDEN~", kHardenOption),
+      "hardened mode: on, at most " + std::to_string(s.max_requests) + " requests at once, updates " +
+          (s.allow_update == 1 ? "allowed" : "refused"));
+  std::string problem = hardened_start_problem(s);
+  if (problem.empty()) {
+    add(Severity::kNote, servers_from, "registered servers, exact or CIDR: " + effective_server_list(s.server));
+    add(Severity::kNote, from("SETTINGS_SERVER~", kNoOption),
+        "settings server: " + (s.settings_server == kAnyServer ? std::string("every registered server")
+                                                               : effective_server_list(s.settings_server)));
+    return;
+  }
+  // The start's own message, less its program name and line feed.
+  if (problem.starts_with("kovaagent, ")) problem.erase(0, 11);
+  if (problem.ends_with('\n')) problem.pop_back();
+  add(Severity::kError, servers_from, problem + ": a start refuses it");
+}
+
 void Checker::check_effective(const AgentSettings& s) {
-  const std::string servers_from = origin("KOVASERVER~", kServerOption);
-  const std::string where = servers_from.empty() ? "default" : servers_from;
-  if (s.server == kAnyServer)
-    add(Severity::kWarning, where, "registered servers: 0.0.0.0: every peer is served; name the central server");
-  else if (s.server.empty())
-    add(Severity::kError, where, "registered servers: none: a start serves no peer");
-  else
-    add(Severity::kNote, where, "registered servers: " + s.server);
+  const std::string where = from("KOVASERVER~", kServerOption);
+  if (s.harden == 1) {
+    check_hardened(s, where);
+  } else {
+    add(Severity::kNote, from("HARDEN~", kHardenOption), "hardened mode: off");
+    if (s.server == kAnyServer)
+      add(Severity::kWarning, where, "registered servers: 0.0.0.0: every peer is served; name the central server");
+    else if (s.server.empty())
+      add(Severity::kError, where, "registered servers: none: a start serves no peer");
+    else
+      add(Severity::kNote, where, "registered servers: " + s.server);
+  }
+  if (s.listen_address != kDefaultListenAddress)
+    add(Severity::kNote, from("LISTEN_ADDRESS~", kListenOption), "listen address: " + s.listen_address);
 
   const std::string user_from = origin("USER~", kUserOption);
   const passwd* pw = ::getpwnam(s.user.c_str());

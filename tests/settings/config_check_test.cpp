@@ -51,7 +51,8 @@ TEST(ConfigCheck, ReportsEachFaultOnItsLineAndPassesACleanFile) {
     std::vector<std::string> expected;
   } cases[] = {
       {"clean", kClean, {}, nullptr, 0,
-       {"SETTINGS:5: note: registered servers: 127.0.0.1", "SETTINGS:3: note: service account: root (uid 0)"}},
+       {"SETTINGS:5: note: registered servers: 127.0.0.1", "SETTINGS:3: note: service account: root (uid 0)",
+        "default: note: hardened mode: off"}},
       {"no file, default server", "", {}, nullptr, 0,
        {"default: warning: registered servers: 0.0.0.0: every peer is served; name the central server"}},
       {"misspelt key", "+KOVASERVR~10.0.0.1\n", {}, nullptr, 1,
@@ -72,6 +73,13 @@ TEST(ConfigCheck, ReportsEachFaultOnItsLineAndPassesACleanFile) {
       {"command line", kClean, {"-port", "70000", "-logdir", "/nonexistent"}, nullptr, 2,
        {"command line: error: -port 70000 is out of range 1-65535",
         "command line: error: log directory /nonexistent does not exist"}},
+      {"hardened", "+HARDEN~1\nMAX_REQUESTS~8\n", {"-server", "10.1.2.3/16, ::1"}, nullptr, 0,
+       {"SETTINGS:13: note: hardened mode: on, at most 8 requests at once, updates refused",
+        "command line: note: registered servers, exact or CIDR: 10.1.0.0/16,::1"}},
+      {"hardened for everyone", "+HARDEN~1\nLISTEN_ADDRESS~localhost\n", {"-server", "0.0.0.0"}, nullptr, 2,
+       {"SETTINGS:14: error: LISTEN_ADDRESS~ \"localhost\" is not an IPv4 or IPv6 address: a start fails",
+        "command line: error: hardened mode never serves every server: name the registered servers with -server "
+        "or KOVASERVER~ instead of \"0.0.0.0\": a start refuses it"}},
       {"account", kClean + "USER~no_such_account_here\n", {}, nullptr, 1,
        {"SETTINGS:13: error: service account \"no_such_account_here\" does not exist: a start fails"}},
   };
