@@ -123,6 +123,39 @@ int check_dc(const AgentSettings& settings, int stops_left) {
   return kStatusNotRunning;
 }
 
+// The merge both collectors' settings files take: true when the record
+// changed and is to be written.
+bool merge_dc_rates(DcSettings& record, int dump_interval, int peak_interval, int retain) {
+  if (record.write_rate < kMinWriteRate) {
+    // A rate below the minimum was put there by hand; leave the whole file
+    // to whoever did that rather than half-correct it.
+    log_printf("I-SETERR", "data collector settings problem, interval < 60,  %d\n", record.write_rate);
+    return false;
+  }
+  bool changed = false;
+  if (dump_interval > 0 && dump_interval != record.write_rate && dump_interval >= kMinWriteRate) {
+    log_printf("I-COMPARE", "data collector settings modified: dump interval from %d to %d", record.write_rate,
+               dump_interval);
+    record.write_rate = dump_interval;
+    changed = true;
+  }
+  if (peak_interval >= 0 && peak_interval != record.peak_rate) {
+    log_printf("I-COMPARE", "data collector settings modified: peak interval from %d to %d", record.peak_rate,
+               peak_interval);
+    record.peak_rate = peak_interval;
+    changed = true;
+  }
+  if (retain >= 0 && retain != record.retain) {
+    log_printf("I-COMPARE", "data collector settings modified: retain from %d to %d", record.retain, retain);
+    record.retain = retain;
+    changed = true;
+  }
+  if (!changed) return false;
+  log_printf("I-SETTINGS", "data collector settings scan rate = %d  dump_rate = %d  peak_rate = %d",
+             record.scan_rate, record.write_rate, record.peak_rate);
+  return true;
+}
+
 // Reads the lock file at `path` for `name`'s pid; 1 when it names a
 // running process of that name.
 bool running_from_lockfile(const std::string& path, const char* name, DcLockfile& lock) {
@@ -168,34 +201,11 @@ int StopDC_UNIX(const AgentSettings& settings) { return stop_dc(settings, kMaxGr
 int CheckDC_UNIX(const AgentSettings& settings) { return check_dc(settings, kMaxGrowthStops); }
 
 int compare_dc_settings(DcSettings& record, int dump_interval, int peak_interval, int retain) {
-  if (record.write_rate < kMinWriteRate) {
-    // A rate below the minimum was put there by hand; leave the whole file
-    // to whoever did that rather than half-correct it.
-    log_printf("I-SETERR", "data collector settings problem, interval < 60,  %d\n", record.write_rate);
-    return 0;
-  }
-  bool changed = false;
-  if (dump_interval > 0 && dump_interval != record.write_rate && dump_interval >= kMinWriteRate) {
-    log_printf("I-COMPARE", "data collector settings modified: dump interval from %d to %d", record.write_rate,
-               dump_interval);
-    record.write_rate = dump_interval;
-    changed = true;
-  }
-  if (peak_interval >= 0 && peak_interval != record.peak_rate) {
-    log_printf("I-COMPARE", "data collector settings modified: peak interval from %d to %d", record.peak_rate,
-               peak_interval);
-    record.peak_rate = peak_interval;
-    changed = true;
-  }
-  if (retain >= 0 && retain != record.retain) {
-    log_printf("I-COMPARE", "data collector settings modified: retain from %d to %d", record.retain, retain);
-    record.retain = retain;
-    changed = true;
-  }
-  if (!changed) return 0;
-  log_printf("I-SETTINGS", "data collector settings scan rate = %d  dump_rate = %d  peak_rate = %d",
-             record.scan_rate, record.write_rate, record.peak_rate);
-  return dc_write_settings_file(record);
+  return merge_dc_rates(record, dump_interval, peak_interval, retain) ? dc_write_settings_file(record) : 0;
+}
+
+int compare_dc_settings_esx(DcEsxSettings& record, int dump_interval, int peak_interval, int retain) {
+  return merge_dc_rates(record, dump_interval, peak_interval, retain) ? dc_write_settings_file_esx(record) : 0;
 }
 
 int dc_stop(const std::string& path, const std::string& install_root, int verbose) {

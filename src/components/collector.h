@@ -7,6 +7,7 @@
 #include <string>
 
 #include "components/command.h"
+#include "components/dc_esx_settings.h"
 #include "components/dc_lockfile.h"
 #include "components/dc_settings.h"
 #include "settings/agent_settings.h"
@@ -54,6 +55,9 @@ inline constexpr const char* kMeasurewareControl = "/opt/perf/bin/mwa";
 // write failed, or the stored write rate is below 60 (then nothing is
 // taken).
 [[nodiscard]] int compare_dc_settings(DcSettings& record, int dump_interval, int peak_interval, int retain);
+// The same merge, rules and log lines for a virtual host's collector,
+// ending in dc_write_settings_file_esx.
+[[nodiscard]] int compare_dc_settings_esx(DcEsxSettings& record, int dump_interval, int peak_interval, int retain);
 
 // Sends SIGINT to the collector named by the lock file at `path`, or, with
 // no usable lock file, to another process named vorn_monitor of the tree at

@@ -42,9 +42,9 @@ using D = DcSettings;
 
 // Keys in the order they are tried; MAX_CPU~ is written but not read back.
 constexpr KeyField<D> kSettingsKeys[] = {
-    text_key("LOG_DIR~", &D::log_dir, &D::log_dir_given),
-    text_key("INSTALL_DIR~", &D::install_dir, &D::install_dir_given),
-    text_key("DATA_DIR~", &D::data_dir, &D::data_dir_given),
+    dc_key::kLogDir,
+    dc_key::kInstallDir,
+    dc_key::kDataDir,
     dc_key::kRetain,
     trimmed_key("USER~", &D::user),
     dc_key::kVerbose,
@@ -70,6 +70,13 @@ constexpr KeyField<D> kSettingsKeys[] = {
 };
 
 }  // namespace
+
+int dc_collects_all(const DcSettings& record) {
+  return record.collect_net == 1 && record.collect_cpu == 1 && record.collect_processor == 1 &&
+                 record.collect_memory == 1 && record.collect_filesys == 1 && record.collect_disk == 1
+             ? 1
+             : 0;
+}
 
 int dc_init_command_line(DcSettings& record) {
   record = DcSettings{};
@@ -126,10 +133,7 @@ int dc_parse_startup_file(DcSettings& record) {
   int error = 0;
   const int recognised = read_key_file<DcSettings>(record.settings_file, kSettingsKeys, record, error);
   if (recognised < 0) return 0;
-  record.collect_all = record.collect_net == 1 && record.collect_cpu == 1 && record.collect_processor == 1 &&
-                               record.collect_memory == 1 && record.collect_filesys == 1 && record.collect_disk == 1
-                           ? 1
-                           : 0;
+  record.collect_all = dc_collects_all(record);
   return recognised > 0 ? 1 : 0;
 }
 

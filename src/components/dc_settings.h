@@ -43,6 +43,16 @@ struct DcSettings : DcCollectorFields {
   std::string settings_file;  // <settings dir>/vorn_<host>.config
 };
 
+// The directory keys of the collector's settings files: the value less its
+// line feed, and the directory's given-flag set.
+namespace dc_key {
+inline constexpr KeyField<DcSettings> kLogDir = text_key("LOG_DIR~", &DcSettings::log_dir, &DcSettings::log_dir_given);
+inline constexpr KeyField<DcSettings> kInstallDir =
+    text_key("INSTALL_DIR~", &DcSettings::install_dir, &DcSettings::install_dir_given);
+inline constexpr KeyField<DcSettings> kDataDir =
+    text_key("DATA_DIR~", &DcSettings::data_dir, &DcSettings::data_dir_given);
+}  // namespace dc_key
+
 // Resets `record` to the defaults with the host name and the install tree
 // under get_vantrel_root(). A host without a name is waited for, twice
 // 60000 s through clock_sleep, before gethostname is asked once more.
@@ -63,6 +73,10 @@ int dc_update_paths(DcSettings& record, const std::string& root);
 // -1: lstat failed (out untouched) or the target could not be resolved
 // (out = path). With print, "path ->    out" goes to stdout.
 int dc_resolve_softlink(const std::string& path, std::string& out, int print);
+
+// "Collect all" as a read settings file gives it: 1 exactly when the net,
+// cpu, processor, memory, file-system and disk groups are all 1.
+int dc_collects_all(const DcSettings& record);
 
 // Reads the settings file named in the record over the record. 1 when the
 // file opened and held at least one known key; 0 otherwise, with the record
