@@ -9,6 +9,7 @@
 #include "components/sorlex.h"
 #include "base/log.h"
 #include "delivery/config_request.h"
+#include "delivery/dc_node_request.h"
 #include "delivery/file_transfer.h"
 #include "delivery/merge_request.h"
 #include "delivery/perf_request.h"
@@ -176,13 +177,6 @@ int perf_request(int fd, const std::string& address, const PacketBuffer& request
   return result;
 }
 
-// A request this agent does not serve yet: logged, and the connection
-// closed without the acknowledgement, which would promise data.
-int not_served(const char* what) {
-  log_printf("W-NOT_SERVED", "Request %s is not served by this agent", what);
-  return kDispatchDone;
-}
-
 int extended_request(int fd, const std::string& address, const PacketBuffer& request, AgentState& state) {
   ExtendedRequest ext;
   read_extended_tag(request, ext);
@@ -241,9 +235,21 @@ int extended_request(int fd, const std::string& address, const PacketBuffer& req
       (void)process_update_request(fd, s, address, line);
       return kDispatchDone;
     }
-    case ExtendedTag::kDcStatNode: return not_served("DCSTAT_NODE");
-    case ExtendedTag::kDcStopNode: return not_served("DCSTOP_NODE");
-    case ExtendedTag::kDcStartNode: return not_served("DCSTART_NODE");
+    case ExtendedTag::kDcStatNode: {
+      (void)socketsend_char_status(fd, 0);
+      PacketBuffer buffer{};
+      return process_dcstatus_node_request(fd, s, address, ext.payload.data(), ext.length, buffer);
+    }
+    case ExtendedTag::kDcStopNode: {
+      (void)socketsend_char_status(fd, 0);
+      PacketBuffer buffer{};
+      return process_dcstop_node_request(fd, s, address, ext.payload.data(), ext.length, buffer);
+    }
+    case ExtendedTag::kDcStartNode: {
+      (void)socketsend_char_status(fd, 0);
+      PacketBuffer buffer{};
+      return process_dcstart_node_request(fd, s, address, ext.payload.data(), ext.length, buffer, state.zud_age);
+    }
     case ExtendedTag::kMemoryNode:
       (void)socketsend_char_status(fd, kResultMemoryNode);
       return kDispatchDone;

@@ -36,6 +36,9 @@ inline constexpr size_t kStringHeaderSize = 8;
 inline constexpr size_t kStringMax = kPacketSize - kStringHeaderSize;
 inline constexpr size_t kOsSize = 4;
 inline constexpr size_t kZudDataSize = 10;
+// The node collector stop and start replies: the status as a long, then
+// four zero bytes.
+inline constexpr size_t kNodeStatusSize = 8;
 
 // Field stores: little-endian, bounded by the buffer (a field that would
 // not fit is not written).
