@@ -1,6 +1,6 @@
 #!/bin/sh
 # Lays out a demo install tree in DIR from a build directory:
-#   bin (the stand-in collector, real-time agent, search agent, extraction
+#   bin (the stand-in collectors, real-time agent, search agent, extraction
 #   and analysis tools, and the agent itself when it has been built), data,
 #   logs, tmp, tmp/update, outgoing, settings, update, mwa, and appdata: an
 #   application directory (to register with -appdir) holding logs of the
@@ -16,7 +16,7 @@ root=$1
 build=${2:-build}
 standins="$build/demo/bin"
 
-for program in vorn_monitor kovarta sorlexagent kovaperf vorn_analyze; do
+for program in vorn_monitor vorn_monitor_esx kovarta sorlexagent kovaperf vorn_analyze; do
   if [ ! -x "$standins/$program" ]; then
     echo "$0: $standins/$program not found; build the demo targets first" >&2
     exit 1
@@ -27,7 +27,7 @@ for dir in bin data logs tmp tmp/update outgoing settings update mwa appdata; do
   mkdir -p "$root/$dir"
 done
 # Copies, not links: each tree's programs are found by their own path.
-for program in vorn_monitor kovarta sorlexagent kovaperf vorn_analyze; do
+for program in vorn_monitor vorn_monitor_esx kovarta sorlexagent kovaperf vorn_analyze; do
   cp "$standins/$program" "$root/bin/$program"
 done
 printf 'YYYYMMDD\nDD-Mmm-YYYY\n' >"$root/settings/date_formats.txt"

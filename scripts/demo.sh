@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
-# Builds the agent, lays out demo-tree/ with the stand-in collector and
+# Builds the agent, lays out demo-tree/ with the stand-in collectors and
 # companions, starts the agent on it and asks it what the central server
 # would: versions, the configuration report, a collector start and status,
-# today's logs of an application from its registered directory, and today's
-# performance data. The agent keeps running afterwards.
+# a virtual host's collector start and status, today's logs of an
+# application from its registered directory, and today's performance data.
+# The agent keeps running afterwards.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/deps.sh
@@ -20,9 +21,12 @@ if ls "$tree"/tmp/*_kova.lock >/dev/null 2>&1; then
   "$tree/bin/kovaagent" -rootdir "$tree" -stop >/dev/null 2>&1 || true
   "$tree/bin/vorn_monitor" -rootdir "$tree" -stop >/dev/null 2>&1 || true
   "$tree/bin/sorlexagent" -stop >/dev/null 2>&1 || true
+  "$tree/bin/vorn_monitor_esx" -stop >/dev/null 2>&1 || true
   sleep 1
 fi
 demo/make-install-tree.sh "$tree" "$build" >/dev/null
+# The virtual host whose collector the node requests below start.
+[ -f "$tree/settings/vorn_esx.config" ] || printf 'HOSTNAME~esx-demo\nHOST_IP~192.0.2.10\n' >"$tree/settings/vorn_esx.config"
 printf 'demo memory file\n' >"$tree/demo.memory"
 
 get() { echo "\$ kovaget $*" | sed "s|$tree|demo-tree|g"; "$build/client/kovaget" -p "$port" "$@"; echo; }
@@ -46,6 +50,9 @@ echo "   ... (the whole report: kovaget -p $port config)"
 echo
 get dcstart 60 0
 get status
+echo "== a virtual host's collector, through the node requests"
+get dcstartnode esx-demo "VMware ESX" 192.0.2.10 60 0
+get dcstatnode esx-demo "VMware ESX" esx-demo.example
 echo "== today's .log files of webapp from the registered application directory"
 rm -rf "$tree/fetched" && mkdir -p "$tree/fetched"
 get -o "$tree/fetched" appdata -d "$(LC_ALL=C date +%d-%b-%Y)" -x .log "$tree/appdata/webapp*"
