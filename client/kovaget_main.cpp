@@ -624,14 +624,35 @@ int run_perfnode(Session& s, const Args& a) {
   return ext_file(s, "PERF_NODE", fields({start, end}, 18) + age_field + fields({a[0]}, 32) + os, "performance data");
 }
 
-// dcstatnode HOST OS DNS: the collector's state for a node.
+// A node request that the agent cannot read (a field too long or missing,
+// a host name that is no file name) is answered with the acknowledgement
+// alone: the connection closes where the reply would be. That is the
+// agent's refusal, reported as one with the bad-packet code.
+Status read_node_reply(Session& s, const char* tag, std::span<unsigned char> reply) {
+  size_t got = 0;
+  Status st = s.connection.read_upto(reply, got);
+  if (!st.ok()) return st;
+  if (got == 0)
+    return Status{kova::client::Error::kErrorPacket, kova::kResultBadPacket,
+                  std::string("agent closed without answering ") + tag + ": " +
+                      kova::result_text(kova::kResultBadPacket) + " (the agent log says which field)"};
+  if (got < reply.size())
+    return Status{kova::client::Error::kShortReply, 0,
+                  "short reply: " + std::to_string(got) + " of " + std::to_string(reply.size()) + " bytes"};
+  return st;
+}
+
+// dcstatnode HOST OS DNS: the collector's state for a node. An OS text
+// containing "ESX" asks after the virtual host's collector.
 int run_dcstatnode(Session& s, const Args& a) {
   std::array<unsigned char, kova::kDcStatSize> reply{};
   Status st = ext_request(s, "DCSTAT_NODE", fields(a, 64), kova::kResultOk);
-  if (st.ok()) st = s.connection.read_reply(reply, kova::kPacketDcStat);
-  if (!st.ok()) return fail_after_raw(s, st);
+  if (st.ok()) st = read_node_reply(s, "DCSTAT_NODE", reply);
   kova::client::DcStat d;
-  if (print_raw(s) || !kova::client::decode_dcstat(reply, d)) return kExitOk;
+  if (st.ok() && !kova::client::decode_dcstat(reply, d))
+    st = Status{kova::client::Error::kBadReply, 0, "not a status packet"};
+  if (!st.ok()) return fail_after_raw(s, st);
+  if (print_raw(s)) return kExitOk;
   s.out.say("data collector on %s: %s, interval %d s, peak interval %d s\n", a[0].c_str(),
             kova::client::component_status_words(d.dc_status).c_str(), d.dc_interval, d.peak_seconds);
   s.out.field("host", a[0]);
@@ -643,9 +664,9 @@ int run_dcstatnode(Session& s, const Args& a) {
 // dcstopnode HOST OS, dcstartnode HOST OS IP DUMP PEAK: the collector's
 // state afterwards, a 4-byte status in 8 bytes.
 int node_control(Session& s, const char* tag, const Args& a) {
-  std::array<unsigned char, 8> reply{};
+  std::array<unsigned char, kova::kNodeStatusSize> reply{};
   Status st = ext_request(s, tag, fields(a, 64), kova::kResultOk);
-  if (st.ok()) st = s.connection.read_exact(reply);
+  if (st.ok()) st = read_node_reply(s, tag, reply);
   if (!st.ok()) return fail_after_raw(s, st);
   if (print_raw(s)) return kExitOk;
   const int status = kova::Packet_CheckLONG(reply);

@@ -2,7 +2,11 @@
 // the search agent through the real binary and the demo's stand-ins.
 #include <gtest/gtest.h>
 
+#include <signal.h>
+
+#include <cstdlib>
 #include <filesystem>
+#include <future>
 #include <string>
 
 #include "support/agent_process.h"
@@ -19,6 +23,25 @@ using Components = AgentTest;
 void install(const InstallTree& tree, const char* program) {
   std::filesystem::copy_file(std::string(KOVA_DEMO_BIN_DIR) + "/" + program, tree / (std::string("bin/") + program),
                              std::filesystem::copy_options::overwrite_existing);
+}
+
+// Ends, by the pid in its lock file, a collector a failed test left running.
+struct CollectorGuard {
+  std::string lock, name;
+  ~CollectorGuard() {
+    const std::string text = read_file(lock);
+    const size_t at = text.find("\nPID~");
+    if (at == std::string::npos) return;
+    const int pid = std::atoi(text.c_str() + at + 5);
+    if (pid > 1 && read_file("/proc/" + std::to_string(pid) + "/comm") == name + "\n") ::kill(pid, SIGINT);
+  }
+};
+
+// A node payload: each text in its zero-padded 64-byte field.
+std::string node_fields(std::initializer_list<std::string> texts) {
+  std::string out;
+  for (const std::string& t : texts) out += padded(t, 64);
+  return out;
 }
 
 std::string collector_settings(const InstallTree& tree) {
@@ -96,6 +119,67 @@ TEST_F(Components, RealTimeAndSearchAgentsStartStopAndReport) {
   EXPECT_NE(log.find("I-RTA_START,   Start KOVArta, Process: 1  Port: 8000   ScanRate: 1000\n"), std::string::npos)
       << log;
   EXPECT_NE(log.find("KOVAAGENT-I-SORLEX_STATUS,  SORLEX stopped\n"), std::string::npos);
+}
+
+TEST(Components, NodeRequestsCheckStartAndStopThisHostsAndAVirtualHostsCollector) {
+  InstallTree tree;
+  install(tree, "vorn_monitor");
+  install(tree, "vorn_monitor_esx");
+  const std::string esx_config = tree / "settings/vorn_esx.config";
+  const std::string esx_lock = tree / "tmp/esx1_monitor.lock";
+  write_file(esx_config, "HOSTNAME~esx1\nHOST_IP~10.0.0.9\nUSERNAME~admin\nPASSWD~ ?o~+!\n");  // "s3cr~t"
+  CollectorGuard esx_guard{esx_lock, "vorn_monitor_es"};
+  CollectorGuard own_guard{tree / ("tmp/" + tree.hostname() + "_monitor.lock"), "vorn_monitor"};
+  RunningAgent agent(tree, free_port());
+  ASSERT_TRUE(agent.started()) << agent.launch().err;
+  const int port = agent.port();
+  const std::string host = tree.hostname(), ack(16, '0');
+  auto node = [&](const char* tag, std::initializer_list<std::string> fields) {
+    return hex(round_trip(port, extended_packet(tag, node_fields(fields))));
+  };
+
+  // Each host's collector is judged by its own lock file.
+  ASSERT_EQ(hex(round_trip(port, request_packet(3, le16(300) + le16(0)))), "08000300");
+  EXPECT_EQ(node("DCSTAT_NODE", {host, "Solaris", host}), ack + "0b000300" + hex(le16(300)) + "05000000");
+  EXPECT_EQ(node("DCSTAT_NODE", {"esx1", "VMware ESX", "esx1"}), ack + "0b00040000000500" + "0000");
+
+  EXPECT_EQ(node("DCSTART_NODE", {"esx1", "VMware ESX", "10.0.0.9", "300", "5"}), ack + "0300000000000000");
+  EXPECT_EQ(read_file(esx_config),
+            "HOSTNAME~esx1\nHOST_IP~10.0.0.9\nWRITE_RATE~300\nPEAK_RATE~5000\nRETAIN~14\nPRIORITY~0\nVERBOSE~0\n"
+            "USERNAME~admin\nPASSWD~ ?o~+!\nJAVAHOME~\nCLASSPATH~\n");
+  EXPECT_NE(read_file(esx_lock).find("\nWRITE_RATE~300\nPEAK_RATE~5000\n"), std::string::npos);
+  EXPECT_EQ(node("DCSTAT_NODE", {"esx1", "VMware ESX", "esx1"}), ack + "0b000300" + hex(le16(300)) + "05000500");
+
+  // The reply is the status right after the signal: the collector may still be on its way out.
+  const std::string stopped = node("DCSTOP_NODE", {"esx1", "VMware ESX"});
+  EXPECT_TRUE(stopped == ack + "0300000000000000" || stopped == ack + "0400000000000000") << stopped;
+  EXPECT_TRUE(eventually([&] { return !file_exists(esx_lock); }));
+  EXPECT_EQ(node("DCSTAT_NODE", {"esx1", "VMware ESX", "esx1"}).substr(16, 8), "0b000400");
+  EXPECT_EQ(node("DCSTOP_NODE", {host, "Solaris"}), ack + "0400000000000000");
+
+  // Fields that cannot be read get the acknowledgement and nothing more.
+  const std::string outside = std::filesystem::path(tree.root()).parent_path().string() + "/escape_monitor.lock";
+  const std::string bad[] = {
+      extended_packet("DCSTAT_NODE", std::string(64, 'e') + node_fields({"VMware ESX", "dns"})),
+      extended_packet("DCSTART_NODE", node_fields({"esx1", "VMware ESX"})),
+      extended_packet("DCSTART_NODE", node_fields({"../../escape", "VMware ESX", "10.0.0.9", "600", "0"})),
+  };
+  std::vector<std::future<std::string>> replies;
+  for (const std::string& request : bad)
+    replies.push_back(std::async(std::launch::async, [&] { return round_trip(port, request); }));
+  for (auto& reply : replies) EXPECT_EQ(hex(reply.get()), ack);
+  EXPECT_NE(read_file(esx_config).find("WRITE_RATE~300\n"), std::string::npos);
+  EXPECT_FALSE(file_exists(outside));
+  EXPECT_FALSE(file_exists(esx_lock));
+
+  const std::string log = tree.log();
+  EXPECT_EQ(occurrences(log, "KOVAAGENT-W-PACKET,      Failed to read hostname from packet\n"), 2u) << log;
+  EXPECT_EQ(occurrences(log, "KOVAAGENT-W-PACKET,      Failed to read host_ip from packet\n"), 1u);
+  EXPECT_NE(log.find("I-STARTDC,     Start DC_ESX  : command " + tree.root() + "/bin/vorn_monitor_esx\n\n"),
+            std::string::npos);
+  EXPECT_NE(log.find("I-DC_START,    DC START request from 127.0.0.1 for system esx1  10.0.0.9, VMware ESX,  Dump  300"
+                     "   Peak   5\n"),
+            std::string::npos);
 }
 
 }  // namespace
