@@ -177,9 +177,6 @@ TEST(Components, NodeRequestsCheckStartAndStopThisHostsAndAVirtualHostsCollector
   EXPECT_EQ(occurrences(log, "KOVAAGENT-W-PACKET,      Failed to read host_ip from packet\n"), 1u);
   EXPECT_NE(log.find("I-STARTDC,     Start DC_ESX  : command " + tree.root() + "/bin/vorn_monitor_esx\n\n"),
             std::string::npos);
-  EXPECT_NE(log.find("I-DC_START,    DC START request from 127.0.0.1 for system esx1  10.0.0.9, VMware ESX,  Dump  300"
-                     "   Peak   5\n"),
-            std::string::npos);
 }
 
 }  // namespace
