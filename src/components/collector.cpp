@@ -330,9 +330,9 @@ int kova_dc_status(const std::string& path, const std::string& node, const std::
   int read = dc_read_lockfile(path, lock);
   int result = read == 1 ? findproc(name, lock.pid, 0) : read;
   if (verbose != 0)
-    log_printf("I-DCSTAT_READLOCK", "dc_read_lockfile returned %d, lockfile = %s\n", read, path.c_str());
+    log_printf("I-DCSTAT_READLOCK", "dc_read_lockfile returned %d, lockfile = %s\n", read, log_escape(path).c_str());
   if (result != 1) {
-    if (verbose == 1) log_printf("I-DC_STAT", "Data Collector DOWN, %s, %s\n", node.c_str(), name);
+    if (verbose == 1) log_printf("I-DC_STAT", "Data Collector DOWN, %s, %s\n", log_escape(node).c_str(), name);
     write_rate = 0;
     peak_rate = 0;
     return kStatusNotRunning;
@@ -340,7 +340,7 @@ int kova_dc_status(const std::string& path, const std::string& node, const std::
   write_rate = lock.write_rate;
   peak_rate = lock.peak_rate;
   if (verbose == 1 && findproc(name, lock.pid, verbose) == 1)
-    log_printf("I-DC_STAT", "Data Collector UP, %s, %s, %d\n", node.c_str(), name, lock.pid);
+    log_printf("I-DC_STAT", "Data Collector UP, %s, %s, %d\n", log_escape(node).c_str(), name, lock.pid);
   return kStatusRunning;
 }
 

@@ -80,17 +80,19 @@ int process_dcstatus_node_request(int fd, const AgentSettings& settings, const s
                          {&os, "Failed to read os from packet"},
                          {&dns, "Failed to read dns from packet"}}))
     return kResultBadPacket;
-  log_printf("I-DC_STAT", "DC STATUS request from %s for system %s", peer.c_str(), host.c_str());
-
   const std::string lock = node_lock_path(settings, host);
+  const std::string shown_host = log_escape(host), shown_lock = log_escape(lock);
+  log_printf("I-DC_STAT", "DC STATUS request from %s for system %s", peer.c_str(), shown_host.c_str());
+
   // This host's collector settings are not re-read: the record keeps what
   // the agent read at start and the lock file's rates below.
   std::string settings_path;
   if (host == settings.hostname) {
-    log_printf("I-DCSTATUS", "DC Status for current host, %s", host.c_str());
+    log_printf("I-DCSTATUS", "DC Status for current host, %s", shown_host.c_str());
   } else {
     settings_path = esx_settings_path(settings.install_root);
-    log_printf("I-DC_REMOTE_STAT", "DC REMOTE Status : for host %s from lockfile %s ", host.c_str(), lock.c_str());
+    log_printf("I-DC_REMOTE_STAT", "DC REMOTE Status : for host %s from lockfile %s ", shown_host.c_str(),
+               shown_lock.c_str());
   }
   DcSettings record = collector_state().dc_cmdline;
   const int status = kova_dc_status(lock, host, os, record.write_rate, record.peak_rate, settings.verbose);
@@ -110,14 +112,15 @@ int process_dcstop_node_request(int fd, const AgentSettings& settings, const std
   if (!read_node_fields(payload, length,
                         {{&host, "Failed to read hostname from packet"}, {&os, "Failed to read os from packet"}}))
     return kResultBadPacket;
-  log_printf("I-DC_STOP", "DC STOP request from %s for system %s", peer.c_str(), host.c_str());
-
   const std::string lock = node_lock_path(settings, host);
+  const std::string shown_host = log_escape(host), shown_lock = log_escape(lock);
+  log_printf("I-DC_STOP", "DC STOP request from %s for system %s", peer.c_str(), shown_host.c_str());
+
   if (host == settings.hostname) {
     (void)StopDC_UNIX(settings);
-    log_printf("I-STOPDC", "STOP DC  : current host, %s", host.c_str());
+    log_printf("I-STOPDC", "STOP DC  : current host, %s", shown_host.c_str());
   } else {
-    log_printf("I-STOPDC", "STOP DC_ESX  : for %s from lockfile %s ", host.c_str(), lock.c_str());
+    log_printf("I-STOPDC", "STOP DC_ESX  : for %s from lockfile %s ", shown_host.c_str(), shown_lock.c_str());
     (void)kova_dc_stop(lock, kEsxCollectorName, 0);
   }
   int write_rate = 0, peak_rate = 0;
@@ -135,8 +138,10 @@ int process_dcstart_node_request(int fd, const AgentSettings& settings, const st
                          {&dump_text, "Failed to read dump from packet"},
                          {&peak_text, "Failed to read peak from packet"}}))
     return kResultBadPacket;
+  const std::string shown_host = log_escape(host), shown_os = log_escape(os);
   log_printf("I-DC_START", "DC START request from %s for system %s  %s, %s,  Dump  %s   Peak   %s", peer.c_str(),
-             host.c_str(), host_ip.c_str(), os.c_str(), dump_text.c_str(), peak_text.c_str());
+             shown_host.c_str(), log_escape(host_ip).c_str(), shown_os.c_str(), log_escape(dump_text).c_str(),
+             log_escape(peak_text).c_str());
   const int dump = held_to_int(decimal_value(dump_text));
   const int peak = held_to_int(decimal_value(peak_text) * kMillisecondsPerSecond);
 
@@ -149,14 +154,14 @@ int process_dcstart_node_request(int fd, const AgentSettings& settings, const st
     (void)dc_parse_startup_file(dc);
     if (compare_dc_settings(dc, dump, peak, retain) == 1) write_to_log("I-DC_SAVE", "Data collector settings saved.");
     (void)StartDC_UNIX(peer, dump, peak, dc.retain, settings);
-    log_printf("I-STARTDC", "Start DC_ESX  : for %s on %s ", host.c_str(), os.c_str());
+    log_printf("I-STARTDC", "Start DC_ESX  : for %s on %s ", shown_host.c_str(), shown_os.c_str());
   } else {
     DcEsxSettings esx;
     esx.settings_file = esx_settings_path(settings.install_root);
     (void)dc_parse_startup_file_esx(esx);
     if (compare_dc_settings_esx(esx, dump, peak, retain) == 1)
       write_to_log("I-DC_SAVE", "Data collector settings saved.");
-    log_printf("I-STARTDC", "Start DC_ESX  : for %s on %s ", host.c_str(), os.c_str());
+    log_printf("I-STARTDC", "Start DC_ESX  : for %s on %s ", shown_host.c_str(), shown_os.c_str());
     ComponentCommand command;
     command.value(settings.install_root).text(kEsxCollectorProgram);
     log_printf("I-STARTDC", "Start DC_ESX  : command %s", command.shown().c_str());

@@ -2,12 +2,10 @@
 // the search agent through the real binary and the demo's stand-ins.
 #include <gtest/gtest.h>
 
-#include <signal.h>
-
-#include <cstdlib>
 #include <filesystem>
 #include <future>
 #include <string>
+#include <vector>
 
 #include "support/agent_process.h"
 
@@ -24,18 +22,6 @@ void install(const InstallTree& tree, const char* program) {
   std::filesystem::copy_file(std::string(KOVA_DEMO_BIN_DIR) + "/" + program, tree / (std::string("bin/") + program),
                              std::filesystem::copy_options::overwrite_existing);
 }
-
-// Ends, by the pid in its lock file, a collector a failed test left running.
-struct CollectorGuard {
-  std::string lock, name;
-  ~CollectorGuard() {
-    const std::string text = read_file(lock);
-    const size_t at = text.find("\nPID~");
-    if (at == std::string::npos) return;
-    const int pid = std::atoi(text.c_str() + at + 5);
-    if (pid > 1 && read_file("/proc/" + std::to_string(pid) + "/comm") == name + "\n") ::kill(pid, SIGINT);
-  }
-};
 
 // A node payload: each text in its zero-padded 64-byte field.
 std::string node_fields(std::initializer_list<std::string> texts) {
@@ -121,16 +107,14 @@ TEST_F(Components, RealTimeAndSearchAgentsStartStopAndReport) {
   EXPECT_NE(log.find("KOVAAGENT-I-SORLEX_STATUS,  SORLEX stopped\n"), std::string::npos);
 }
 
-TEST(Components, NodeRequestsCheckStartAndStopThisHostsAndAVirtualHostsCollector) {
+TEST_F(Components, NodeRequestsCheckStartAndStopThisHostsAndAVirtualHostsCollector) {
   InstallTree tree;
   install(tree, "vorn_monitor");
   install(tree, "vorn_monitor_esx");
   const std::string esx_config = tree / "settings/vorn_esx.config";
   const std::string esx_lock = tree / "tmp/esx1_monitor.lock";
   write_file(esx_config, "HOSTNAME~esx1\nHOST_IP~10.0.0.9\nUSERNAME~admin\nPASSWD~ ?o~+!\n");  // "s3cr~t"
-  CollectorGuard esx_guard{esx_lock, "vorn_monitor_es"};
-  CollectorGuard own_guard{tree / ("tmp/" + tree.hostname() + "_monitor.lock"), "vorn_monitor"};
-  RunningAgent agent(tree, free_port());
+  RunningAgent agent(tree, free_port(), {}, {"KOVA_STANDIN_FDS=" + tree.root()});
   ASSERT_TRUE(agent.started()) << agent.launch().err;
   const int port = agent.port();
   const std::string host = tree.hostname(), ack(16, '0');
@@ -148,6 +132,7 @@ TEST(Components, NodeRequestsCheckStartAndStopThisHostsAndAVirtualHostsCollector
             "HOSTNAME~esx1\nHOST_IP~10.0.0.9\nWRITE_RATE~300\nPEAK_RATE~5000\nRETAIN~14\nPRIORITY~0\nVERBOSE~0\n"
             "USERNAME~admin\nPASSWD~ ?o~+!\nJAVAHOME~\nCLASSPATH~\n");
   EXPECT_NE(read_file(esx_lock).find("\nWRITE_RATE~300\nPEAK_RATE~5000\n"), std::string::npos);
+  EXPECT_EQ(read_file(tree / "vorn_monitor_esx.fds"), "0 1 2");
   EXPECT_EQ(node("DCSTAT_NODE", {"esx1", "VMware ESX", "esx1"}), ack + "0b000300" + hex(le16(300)) + "05000500");
 
   // The reply is the status right after the signal: the collector may still be on its way out.
