@@ -27,14 +27,17 @@ struct NodeField {
 
 // A name that, put into "<root>/tmp/<host>_monitor.lock", stays a file
 // name inside tmp.
-bool usable_host_name(const std::string& host) { return host.find('/') == std::string::npos && host != "." && host != ".."; }
+bool usable_host_name(const std::string& host) {
+  return host.find('/') == std::string::npos && host != "." && host != "..";
+}
 
 // Reads the payload's 64-byte fields in order into the outputs; the first
 // is the host name. False, with the field's failure logged, when one lies
 // beyond the payload, fills its 64 bytes without a terminating NUL, or is
 // a host name that would leave the tmp directory.
 bool read_node_fields(const unsigned char* payload, int length, std::initializer_list<NodeField> fields) {
-  const std::span<const unsigned char> bytes(payload, payload != nullptr && length > 0 ? static_cast<size_t>(length) : 0);
+  const size_t size = payload != nullptr && length > 0 ? static_cast<size_t>(length) : 0;
+  const std::span<const unsigned char> bytes(payload, size);
   size_t offset = 0;
   for (const NodeField& field : fields) {
     std::array<char, kNodeFieldSize> text{};
