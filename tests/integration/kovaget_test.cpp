@@ -74,9 +74,9 @@ TEST_F(Kovaget, EveryCommandsJsonParsesAndItsExitStatusSaysHowItWent) {
       {{"merge"}, kAny, {}},
       {{"sysconfig", tree.hostname()}, kAny, {}},
       {{"perfnode", "node1"}, kAny, {}},
-      {{"dcstatnode", "node1", "SunOS", "node1.example"}, kAny, {}},
-      {{"dcstopnode", "node1", "SunOS"}, kAny, {}},
-      {{"dcstartnode", "node1", "SunOS", "192.0.2.1", "60", "0"}, kAny, {}},
+      {{"dcstatnode", "node1", "SunOS", "node1.example"}, 0, {{"collector_status", 4}, {"collector_interval_s", 0}}},
+      {{"dcstopnode", "node1", "SunOS"}, 0, {{"collector_status", 4}}},
+      {{"dcstartnode", "node1/x", "SunOS", "192.0.2.1", "60", "0"}, 3, {{"agent_code", 9}}},  // no file name
       {{"appdata", "-d", "05-Mar-2024", "/nowhere/app*"}, kAny, {}},
       {{"update", tree / "memory.txt", tree / "incoming"}, kAny, {}},
       {{"checksum", tree / "memory.txt"}, 0, {{"file", tree / "memory.txt"}}},
