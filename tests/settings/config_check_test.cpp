@@ -20,7 +20,7 @@ const std::string kClean =
     "GROWTH_INTERVAL~900\n";
 
 struct Outcome {
-  std::vector<std::string> lines;  // formatted findings, the tree's path shown as TREE
+  std::string lines;  // formatted findings, one a line, the tree's path shown as TREE
   int errors = 0;
 };
 
@@ -34,9 +34,9 @@ Outcome check(const std::string& root, std::vector<std::string> args) {
   testing::internal::GetCapturedStdout();
   Outcome out;
   for (const ConfigFinding& f : found) {
-    std::string line = format_finding(f);
+    std::string line = format_finding(f) + "\n";
     for (size_t at; (at = line.find(root)) != std::string::npos;) line.replace(at, root.size(), "TREE");
-    out.lines.push_back(line);
+    out.lines += line;
     if (f.severity == Severity::kError) ++out.errors;
   }
   return out;
@@ -100,14 +100,11 @@ TEST(ConfigCheck, ReportsEachFaultOnItsLineAndPassesACleanFile) {
     if (!c.file.empty()) write_file(s.settings_file_path, c.file[0] == '+' ? kClean + c.file.substr(1) : c.file);
     if (c.remove != nullptr) std::filesystem::remove_all(root / c.remove);
 
-    Outcome out = check(root.path(), c.args);
-    const std::string settings = "TREE/settings/kova_" + s.hostname + ".config";
-    std::string all;
-    for (const std::string& line : out.lines) all += line + "\n";
-    EXPECT_EQ(out.errors, c.errors) << c.name << "\n" << all;
+    const Outcome out = check(root.path(), c.args);
+    EXPECT_EQ(out.errors, c.errors) << c.name << "\n" << out.lines;
     for (std::string want : c.expected) {
-      if (want.starts_with("SETTINGS")) want.replace(0, 8, settings);
-      EXPECT_NE(all.find(want + "\n"), std::string::npos) << c.name << ": " << want << "\n" << all;
+      if (want.starts_with("SETTINGS")) want.replace(0, 8, "TREE/settings/kova_" + s.hostname + ".config");
+      EXPECT_NE(out.lines.find(want + "\n"), std::string::npos) << c.name << ": " << want << "\n" << out.lines;
     }
   }
 }
