@@ -69,15 +69,15 @@ TEST_F(AgentLog, RemoteHeaderAndUnwritableLogStayQuietUnlessVerbose) {
   EXPECT_NE(log.find("Remote retain : 30 days\n\n"), std::string::npos);
   EXPECT_EQ(log.find("I_SERVER"), std::string::npos);
 
-  log_state().logfile = root / "no/such/dir/log";
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(write_to_log("I-X", "lost"), 0);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-  log_state().verbose = true;
-  testing::internal::CaptureStdout();
-  write_to_log("I-X", "lost");
-  EXPECT_EQ(testing::internal::GetCapturedStdout().rfind("KOVAAGENT-E-OPEN: Unable to open log " + root.path(), 0),
-            0u);
+  const std::string lost = root / "no/such/dir/log";
+  log_state().logfile = lost;
+  for (const bool verbose : {false, true}) {
+    log_state().verbose = verbose;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(write_to_log("I-X", "lost"), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              verbose ? "KOVAAGENT-E-OPEN: Unable to open log " + lost + ", No such file or directory\n" : "");
+  }
 }
 
 TEST_F(AgentLog, LinesFromConcurrentProcessesNeverInterleave) {
