@@ -1,11 +1,8 @@
 #!/usr/bin/env bash
-# Installs a build into a staging directory and checks what the package
-# ships: the manual pages (mandoc and groff, no message at all), the SMF
-# manifest (well-formed XML), the systemd unit (systemd-analyze verify, with
-# the staged programs in place of the installed ones), the shell syntax of
-# the maintainer scripts and the completion, and that the completion finds
-# kovaget's commands in its --help. A missing tool is reported and skipped
-# (exit 77 when anything was skipped and nothing failed).
+# Checks what the package ships, installed into a staging directory: the
+# manual pages, the SMF manifest, the systemd unit, the shell syntax of the
+# maintainer scripts and the completion, and the completion's reading of
+# kovaget --help. A missing tool is a skip (exit 77 when nothing failed).
 #   tests/package/lint.sh SOURCE_DIR BUILD_DIR
 set -uo pipefail
 src=$1
