@@ -19,7 +19,7 @@ struct Record : Shared {
   int number = 0;
   int given = 0;
   int hooked = 0;
-  std::string text, raw, trimmed, at_start;
+  std::string text, trimmed, at_start;
 };
 
 constexpr KeyField<Shared> kSharedRate = int_key("RATE~", &Shared::rate);
@@ -30,7 +30,6 @@ constexpr KeyField<Record> kTable[] = {
     int_key("LONG_NUMBER~", &Record::number, &Record::given),  // a longer key before the one it contains
     int_key("NUMBER~", &Record::hooked),
     text_key("TEXT~", &Record::text),
-    raw_text_key("RAW~", &Record::raw),
     trimmed_key("TRIM~", &Record::trimmed),
     {"START~", KeyValue::kText, nullptr, &Record::at_start, nullptr, true},
     kSharedRate,
@@ -39,15 +38,14 @@ constexpr KeyField<Record> kTable[] = {
 
 TEST(KeyFile, TheFirstKeyOfTheTableFoundInALineTakesItAsItsKindSays) {
   TempDir dir;
-  write_file(dir / "f", "x LONG_NUMBER~ 42z\nTEXT~a~b\nRAW~r\nTRIM~ \t u \r\n START~no\nSTART~yes\n"
+  write_file(dir / "f", "x LONG_NUMBER~ 42z\nTEXT~a~b\nTRIM~ \t u \r\n START~no\nSTART~yes\n"
                         "RATE~-7\nunknown\nHOOK~abc\nTEXT~last");
   Record r;
   int error = 0;
-  EXPECT_EQ(read_key_file<Record>(dir / "f", kTable, r, error), 8);
+  EXPECT_EQ(read_key_file<Record>(dir / "f", kTable, r, error), 7);
   EXPECT_EQ(r.number, 42);
   EXPECT_EQ(r.given, 1);
   EXPECT_EQ(r.text, "las");  // a last line without a line feed loses its last character
-  EXPECT_EQ(r.raw, "r\n");
   EXPECT_EQ(r.trimmed, "u");
   EXPECT_EQ(r.at_start, "yes");  // the key that must begin its line is not found inside one
   EXPECT_EQ(r.rate, -7);
