@@ -12,42 +12,33 @@
 namespace kova::test {
 namespace {
 
-// A lock file as the current collector writes it.
+// A lock file as the current collector writes it, less its collection groups.
 const char* const kCurrent =
     "4242@Mon Mar  4 10:00:00 2024@Not specified@/v/data@200000@12\n"
     "PID~4242\nVERSION~V10.0-001:Feb 23 2012\nSTART~Mon Mar  4 10:00:00 2024\nEND~Not specified\n"
-    "DATA_DIR~/v/data\nLOG_DIR~/v/logs\nSCAN_RATE~2000\nWRITE_RATE~120\nPEAK_RATE~500\nRETAIN~14\nVERBOSE~2\n"
-    "COLLECT_CPU~1\nCOLLECT_DISK~0\nCOLLECT_PROCESS~1\nCOLLECT_MEMORY~0\nCOLLECT_NET~1\nCOLLECT_NIC~0\n"
-    "COLLECT_HBA~1\nCOLLECT_LPAR~0\nCOLLECT_FILESYS~1\nCOLLECT_PROCESSOR~0\nMAP_DISKNAMES~1\n"
-    "FILESYS_EXCLUDE~tmpfs,proc\nPRIORITY~3\nAPPEND_DATA_FILES~1\nUSER~PID~99\nIMAGE_BITS~64\n"
-    "CURRENT_DATA_FILE~/v/data/qdtsx_web1_2024Mar04.zud-1\n";
+    "DATA_DIR~/v/data\nLOG_DIR~/v/logs\nSCAN_RATE~2000\nWRITE_RATE~120\nPEAK_RATE~500\nRETAIN~14\n"
+    "FILESYS_EXCLUDE~tmpfs,proc\nUSER~PID~99\nIMAGE_BITS~64\nCURRENT_DATA_FILE~/v/data/qdtsx_web1_2024Mar04.zud-1\n";
 
-TEST(DcLockfile, TheCurrentLayoutIsReadWholeAndOddFilesAreToldApart) {
+TEST(DcLockfile, TheCurrentLayoutIsReadAndOddFilesAreToldApart) {
   TempDir dir;
   write_file(dir / "lock", kCurrent);
   DcLockfile r;
   ASSERT_EQ(dc_read_lockfile(dir / "lock", r), 1);
-  EXPECT_EQ(std::tie(r.version, r.start_time, r.end_time, r.data_dir, r.log_dir, r.filesys_exclude),
-            std::tuple("V10.0-001:Feb 23 2012", "Mon Mar  4 10:00:00 2024", "Not specified", "/v/data", "/v/logs",
-                       "tmpfs,proc\n"));
-  EXPECT_EQ(r.current_data_file, "/v/data/qdtsx_web1_2024Mar04.zud-1");
-  EXPECT_EQ(std::tie(r.pid, r.scan_rate, r.write_rate, r.peak_rate, r.retain, r.verbose, r.map_disknames, r.priority,
-                     r.append_data_files, r.image_bits, r.collect_cpu, r.collect_process, r.collect_net, r.collect_hba,
-                     r.collect_filesys, r.collect_disk, r.collect_memory, r.collect_nic, r.collect_lpar,
-                     r.collect_processor),
-            std::tuple(99, 2000, 120, 500, 14, 2, 1, 3, 1, 64, 1, 1, 1, 1, 1, 0, 0, 0, 0, 0))
+  EXPECT_EQ(std::tie(r.version, r.start_time, r.end_time, r.data_dir, r.filesys_exclude, r.current_data_file),
+            std::tuple("V10.0-001:Feb 23 2012", "Mon Mar  4 10:00:00 2024", "Not specified", "/v/data",
+                       "tmpfs,proc\n", "/v/data/qdtsx_web1_2024Mar04.zud-1"));
+  EXPECT_EQ(std::tie(r.pid, r.scan_rate, r.write_rate, r.peak_rate, r.retain, r.image_bits),
+            std::tuple(99, 2000, 120, 500, 14, 64))
       << "USER~ is not read; this one holds PID~, which the key order takes";
-  EXPECT_TRUE(file_exists(dir / "lock"));
 
   EXPECT_EQ(dc_read_lockfile(dir / "missing", r), -1);
   write_file(dir / "summary", "77@a@b@/d@200000@12\n");
   EXPECT_EQ(dc_read_lockfile(dir / "summary", r), 0);
   EXPECT_FALSE(file_exists(dir / "summary")) << "a lock file without keys is removed";
-  write_file(dir / "closed", kCurrent);
-  ::chmod((dir / "closed").c_str(), 0);
-  const int closed = dc_read_lockfile(dir / "closed", r);
+  ::chmod((dir / "lock").c_str(), 0);
+  const int closed = dc_read_lockfile(dir / "lock", r);
   EXPECT_TRUE(closed == -2 || ::geteuid() == 0) << closed << ": root may read whatever the mode";
-  EXPECT_TRUE(file_exists(dir / "closed"));
+  EXPECT_TRUE(file_exists(dir / "lock"));
 
   for (auto [text, want] : {std::pair{"CURRENT_DATA_FILE~/d/one\nPID~1\nCURRENT_DATA_FILE~/d/two\n", "/d/two"},
                             std::pair{"CURRENT_DATA_FILE~/d/three", "/d/thre"}}) {
