@@ -20,37 +20,31 @@ namespace {
 
 // A process whose short name is its program's file name, killed and reaped by its pid; in a new PID
 // namespace it lies in another zone. Construction returns once the child's program runs, or failed to.
-class Started {
- public:
-  Started(const std::string& program, const std::string& arg, bool other_zone = false, const std::string& cwd = ".")
-      : argv_{program.c_str(), arg.c_str(), nullptr}, cwd_(cwd) {
+struct Started {
+  Started(const std::string& program, const std::string& arg, bool other_zone = false, const std::string& dir = ".")
+      : argv{program.c_str(), arg.c_str(), nullptr}, cwd(dir) {
     std::vector<char> stack(256 * 1024);
-    const int flags = SIGCHLD | CLONE_VM | CLONE_VFORK | (other_zone ? CLONE_NEWPID : 0);
-    pid_ = ::clone(&Started::run, stack.data() + stack.size(), flags, this);
-    if (err_ != 0) stop();
+    const auto run = [](void* self) {
+      auto* s = static_cast<Started*>(self);
+      if (::chdir(s->cwd.c_str()) == 0) ::execv(s->argv[0], const_cast<char* const*>(s->argv));
+      s->failed = true;
+      return 127;
+    };
+    pid = ::clone(run, stack.data() + stack.size(), SIGCHLD | CLONE_VM | CLONE_VFORK | (other_zone ? CLONE_NEWPID : 0),
+                  this);
+    if (failed) stop();
     // The parent of a vfork wakes before the new program's arguments show.
-    for (int i = 0; i < 400 && pid_ > 0 && read_file(string_printf("/proc/%d/cmdline", pid_)).empty(); ++i)
-      ::usleep(5000);
+    for (int i = 0; i < 400 && pid > 0 && read_file(string_printf("/proc/%d/cmdline", pid)).empty(); ++i) ::usleep(5000);
   }
   ~Started() { stop(); }
-  int pid() const { return pid_; }
   void stop() {
-    if (pid_ > 0 && ::kill(pid_, SIGKILL) == 0) ::waitpid(pid_, nullptr, 0);
-    pid_ = -1;
+    if (pid > 0 && ::kill(pid, SIGKILL) == 0) ::waitpid(pid, nullptr, 0);
+    pid = -1;
   }
-
- private:
-  static int run(void* self) {
-    auto* started = static_cast<Started*>(self);
-    if (::chdir(started->cwd_.c_str()) != 0) started->err_ = errno;
-    ::execv(started->argv_[0], const_cast<char* const*>(started->argv_));
-    started->err_ = errno;
-    return 127;
-  }
-  const char* argv_[3];
-  std::string cwd_;
-  int err_ = 0;
-  int pid_ = -1;
+  const char* argv[3];
+  std::string cwd;
+  bool failed = false;
+  int pid = -1;
 };
 
 std::string sleeper(const TempDir& dir, const std::string& name) {
@@ -61,11 +55,11 @@ std::string sleeper(const TempDir& dir, const std::string& name) {
 TEST(Findproc, ShortNameMustOccurInsideTheGivenNameOrMatchItWhole) {
   TempDir dir;
   Started monitor(sleeper(dir, "vorn_monitor"), "60");
-  ASSERT_GT(monitor.pid(), 0);
+  ASSERT_GT(monitor.pid, 0);
   const int absent = std::stoi(read_file("/proc/sys/kernel/pid_max")) + 1;
   const std::tuple<const char*, int, int> cases[] = {
-      {"vorn_monitor", monitor.pid(), 1}, {"vorn_monitor_es", monitor.pid(), 1}, {"bin/vorn_monitor", monitor.pid(), 1},
-      {"vorn_monito", monitor.pid(), 0},  {"kovarta", monitor.pid(), 0},         {"vorn_monitor", absent, 0}};
+      {"vorn_monitor", monitor.pid, 1}, {"vorn_monitor_es", monitor.pid, 1}, {"bin/vorn_monitor", monitor.pid, 1},
+      {"vorn_monito", monitor.pid, 0},  {"kovarta", monitor.pid, 0},         {"vorn_monitor", absent, 0}};
   for (auto [name, pid, expected] : cases) EXPECT_EQ(findproc(name, pid, 0), expected) << name << ":" << pid;
 
   // By name: whole short names, the given pid skipped, and a sixteen-character name never found.
@@ -73,26 +67,23 @@ TEST(Findproc, ShortNameMustOccurInsideTheGivenNameOrMatchItWhole) {
   const std::string& root = dir.path();
   Started first(sleeper(dir, name), "60");
   Started second(dir / name, "60");
-  ASSERT_GT(first.pid(), 0);
-  ASSERT_GT(second.pid(), 0);
-  EXPECT_EQ(find_process_by_name(name, root, first.pid(), 0), second.pid());
-  EXPECT_EQ(find_process_by_name(name, root, second.pid(), 0), first.pid());
+  ASSERT_TRUE(first.pid > 0 && second.pid > 0);
+  EXPECT_EQ(find_process_by_name(name, root, first.pid, 0), second.pid);
   EXPECT_EQ(find_process_by_name(name + "x", root, ::getpid(), 0), -1);
   EXPECT_EQ(find_process_by_name(name.substr(1), root, ::getpid(), 0), -1);
   second.stop();
-  EXPECT_EQ(find_process_by_name(name, root, first.pid(), 0), -1);
-  EXPECT_EQ(findproc_nopid(name, root, 0), first.pid());
+  EXPECT_EQ(find_process_by_name(name, root, first.pid, 0), -1);
+  EXPECT_EQ(findproc_nopid(name, root, 0), first.pid);
 
   const std::string long_name = string_printf("longname_%07d", static_cast<int>(::getpid()));
   write_file(dir / long_name, "#!/bin/sh\nread line < \"$1\"\n");
   ASSERT_EQ(::chmod((dir / long_name).c_str(), 0755), 0);
   ASSERT_EQ(::mkfifo((dir / "fifo").c_str(), 0600), 0);
   Started script(dir / long_name, dir / "fifo");  // it blocks in the shell's own read, with no child
-  ASSERT_GT(script.pid(), 0);
-  EXPECT_EQ(find_process_by_name(long_name, root, ::getpid(), 0), -1);
+  ASSERT_GT(script.pid, 0);
   EXPECT_EQ(findproc_nopid(long_name, root, 0), -1);
-  EXPECT_EQ(findproc_nopid(long_name.substr(0, 15), root, 0), script.pid());  // the script counts, not its shell
-  EXPECT_EQ(findproc(long_name, script.pid(), 0), 1);
+  EXPECT_EQ(findproc_nopid(long_name.substr(0, 15), root, 0), script.pid);  // the script counts, not its shell
+  EXPECT_EQ(findproc(long_name, script.pid, 0), 1);
 }
 
 TEST(FindProcessByName, IgnoresProcessesOfAnotherZone) {
@@ -100,11 +91,11 @@ TEST(FindProcessByName, IgnoresProcessesOfAnotherZone) {
   TempDir dir;
   const std::string name = string_printf("kz%d", static_cast<int>(::getpid()));
   Started outside(sleeper(dir, name), "60", true);
-  ASSERT_GT(outside.pid(), 0);
-  EXPECT_EQ(findproc(name, outside.pid(), 0), 0);
+  ASSERT_GT(outside.pid, 0);
+  EXPECT_EQ(findproc(name, outside.pid, 0), 0);
   EXPECT_EQ(findproc_nopid(name, "", 0), -1);
   Started inside(dir / name, "60");
-  EXPECT_EQ(findproc_nopid(name, "", 0), inside.pid());
+  EXPECT_EQ(findproc_nopid(name, "", 0), inside.pid);
 }
 
 // A process counts for a tree when its program lies in it or it runs in it; another tree's is never found.
@@ -114,25 +105,22 @@ TEST(FindProcessByName, FindsOnlyProcessesOfTheInstallTreeAskedAbout) {
   make_dirs(tree / "tmp");
   const std::string name = string_printf("kt%d", static_cast<int>(::getpid()));
   Started program(sleeper(tree, "bin/" + name), "60", false, "/");
-  ASSERT_GT(program.pid(), 0);
-  EXPECT_EQ(findproc_nopid(name, tree.path(), 0), program.pid());
-  EXPECT_EQ(findproc_nopid(name, tree / "bin/", 0), program.pid());
-  EXPECT_EQ(findproc_nopid(name, tree / "bin/../bin", 0), program.pid());
+  ASSERT_GT(program.pid, 0);
+  for (const std::string& root : {tree.path(), tree / "bin/", tree / "bin/../bin", std::string()})
+    EXPECT_EQ(findproc_nopid(name, root, 0), program.pid) << root;
   EXPECT_EQ(findproc_nopid(name, other.path(), 0), -1);
   EXPECT_EQ(findproc_nopid(name, tree / "tmp", 0), -1);
-  EXPECT_EQ(findproc_nopid(name, "", 0), program.pid());  // any tree
   program.stop();
 
   Started working(sleeper(other, name), "60", false, tree / "tmp");  // a program from elsewhere, run in the tree
-  ASSERT_GT(working.pid(), 0);
-  EXPECT_EQ(findproc_nopid(name, tree.path(), 0), working.pid());
-  EXPECT_EQ(findproc_nopid(name, other.path(), 0), working.pid());
+  ASSERT_GT(working.pid, 0);
+  EXPECT_EQ(findproc_nopid(name, tree.path(), 0), working.pid);
+  EXPECT_EQ(findproc_nopid(name, other.path(), 0), working.pid);
   EXPECT_EQ(findproc_nopid(name, other / "x", 0), -1);
 
   const std::tuple<const char*, const char*, bool> paths[] = {
-      {"/opt/v", "/opt/v", true},       {"/opt/v/bin/a", "/opt/v", true},   {"/opt/vb", "/opt/v", false},
-      {"/opt/v/../w", "/opt/v", false}, {"/opt//v/./tmp", "/opt/v/", true}, {"/anything", "/", true},
-      {"/opt", "/opt/v", false}};
+      {"/opt/vb", "/opt/v", false}, {"/opt/v/../w", "/opt/v", false}, {"/opt//v/./tmp", "/opt/v/", true},
+      {"/anything", "/", true},     {"/opt", "/opt/v", false}};
   for (auto [path, root, under] : paths) EXPECT_EQ(path_under(path, root), under) << path << " " << root;
 }
 
