@@ -27,48 +27,40 @@ TEST_F(SocketIo, ReadEndsWithoutWaitingWhenThePeerClosesOrOnAnyOtherError) {
   EXPECT_EQ(WaitCounter::waits, 0);
 }
 
-TEST_F(SocketIo, SilentPeerFailsOnTheSixtyFirstAttempt) {
-  for (int verbose : {0, 1}) {
-    SocketPair pair;
-    WaitCounter::waits = 0;
-    char buf[40];
-    EXPECT_EQ(Socket_readn_nonblock(pair.agent.get(), buf, sizeof buf, verbose), -1);
-    EXPECT_EQ(WaitCounter::waits, kReadRetryLimit) << "verbose " << verbose;
-  }
-  // Only the verbose read logged, once per failed receive, counting from 0.
-  EXPECT_EQ(count_in_log("KOVAAGENT-E-SOCKR,"), kReadRetryLimit + 1);
-  EXPECT_NE(log_text().find("recv failed,  ntrys: 0   errno: 11:  err: "), std::string::npos);
-  EXPECT_NE(log_text().find("recv failed,  ntrys: 60   errno: 11:"), std::string::npos);
-  EXPECT_EQ(log_text().find("ntrys: 61"), std::string::npos);
-}
-
-TEST_F(SocketIo, EachArrivalResetsTheFailureCount) {
-  // The peer sends one byte after every 50 waits: 50 < 61, so three pieces
-  // separated by 100 waits in all still make a complete read.
-  static int peer_fd = -1;
-  SocketPair pair;
-  peer_fd = pair.peer.get();
-  WaitCounter::on_wait = [](int count) { ASSERT_TRUE(count % 50 != 0 || ::write(peer_fd, "x", 1) == 1); };
-  char buf[3];
-  EXPECT_EQ(Socket_readn(pair.agent.get(), buf, sizeof buf, 0), 3);
-  EXPECT_EQ(WaitCounter::waits, 150);
-}
-
-// A byte arrives after every wait, so the failure count never grows: only a
-// bound on the whole read ends it.
-TEST_F(SocketIo, ATotalBoundEndsAReadThatTricklesIn) {
+// What the peer does at each wait of a 100-byte read, and how the read ends.
+TEST_F(SocketIo, AReadFailsOnTheSixtyFirstFruitlessAttemptInARowOrOnceItsTotalBoundHasPassed) {
   static int peer_fd = -1;
   static int64_t now_ms = 0;
   wire_hooks().now_ms = [] { return now_ms; };
-  WaitCounter::on_wait = [](int) { now_ms += kReadWaitMs, (void)!::write(peer_fd, "x", 1); };
-  for (int total_ms : {0, kHardenedReadTotalMs}) {
+  const struct {
+    void (*on_wait)(int count);
+    int total_ms;
+    std::tuple<ssize_t, int, int> ends;  // bytes read, waits, errno of a failure
+  } cases[] = {
+      {nullptr, 0, {-1, kReadRetryLimit, EAGAIN}},
+      // A byte after every 60 waits: each arrival starts the count afresh, and no bound is set.
+      {[](int n) { now_ms += kReadWaitMs, (void)!(n % 60 == 0 && ::write(peer_fd, "x", 1)); }, 0, {100, 6000, 0}},
+      // A byte after every wait: only the bound on the whole read ends it.
+      {[](int) { now_ms += kReadWaitMs, (void)!::write(peer_fd, "x", 1); }, kHardenedReadTotalMs,
+       {-1, kHardenedReadTotalMs / kReadWaitMs, ETIMEDOUT}},
+  };
+  for (const auto& c : cases) {
     SocketPair pair;
-    peer_fd = pair.peer.get(), now_ms = 0, WaitCounter::waits = 0, wire_hooks().read_total_ms = total_ms;
+    peer_fd = pair.peer.get(), now_ms = 1, WaitCounter::waits = 0, WaitCounter::on_wait = c.on_wait;
+    wire_hooks().read_total_ms = c.total_ms;
     char buf[100];
     const ssize_t got = Socket_readn(pair.agent.get(), buf, sizeof buf, 0);
-    EXPECT_EQ(std::tuple(got, WaitCounter::waits, errno),
-              total_ms == 0 ? std::tuple(100l, 100, errno) : std::tuple(-1l, total_ms / kReadWaitMs, ETIMEDOUT));
+    EXPECT_EQ(std::tuple(got, WaitCounter::waits, got < 0 ? errno : 0), c.ends) << c.total_ms;
   }
+}
+
+TEST_F(SocketIo, AVerboseReadLogsEachFailedReceiveCountingFromZero) {
+  SocketPair pair;
+  char buf[40];
+  EXPECT_EQ(Socket_readn_nonblock(pair.agent.get(), buf, sizeof buf, 1), -1);
+  EXPECT_EQ(count_in_log("KOVAAGENT-E-SOCKR,"), kReadRetryLimit + 1);
+  EXPECT_NE(log_text().find("recv failed,  ntrys: 0   errno: 11:  err: "), std::string::npos);
+  EXPECT_NE(log_text().find("recv failed,  ntrys: 60   errno: 11:"), std::string::npos);
 }
 
 // Large replies, written in parts, are checked against the real binary.
