@@ -10,7 +10,7 @@
 namespace kova::test {
 namespace {
 
-TEST(RtaSettingsFile, MergeWritesOnlyOnAChangeAndReadingKeepsAlertsToZeroOrOne) {
+TEST(RtaFiles, MergeWritesOnlyOnAChangeAlertsAreZeroOrOneAndALockWithoutKeysGoes) {
   TempDir dir;
   make_dirs(dir / "settings");
   RtaSettings r;
@@ -33,20 +33,12 @@ TEST(RtaSettingsFile, MergeWritesOnlyOnAChangeAndReadingKeepsAlertsToZeroOrOne) 
   rta_adjust_path_settings(r, dir / "none");
   EXPECT_EQ(rta_parse_startup_file(r), 0);
   EXPECT_EQ(compare_rta_settings(r, 2201, 0, 0), 0);
-}
 
-TEST(RtaLockfile, SummaryAndFirstKeyShareALine) {
-  TempDir dir;
-  write_file(dir / "lock",
-             "321@-1@2101@Mon Mar  4 10:00:00 2024PID~321\nSTARTED~Mon Mar  4 10:00:00 2024\n"
-             "VERSION~V10.0-001:Feb 23 2012\nINSTALL_DIR~/v\nRTA_PORT~2101\nPROCESSES~1\nUSER~root\n");
-  RtaLockfile r;
-  ASSERT_EQ(rta_read_lockfile(dir / "lock", r), 1);
-  EXPECT_EQ(std::tie(r.pid, r.started, r.port, r.processes), std::tuple(321, "Mon Mar  4 10:00:00 2024", 2101, 1));
-  EXPECT_EQ(rta_read_lockfile(dir / "missing", r), -1);
+  // kovarta's own lock file is read for the status, with the stand-in's.
   write_file(dir / "junk", "321@0@2101@now\n");
-  EXPECT_EQ(rta_read_lockfile(dir / "junk", r), 0);
-  EXPECT_FALSE(file_exists(dir / "junk"));
+  RtaLockfile lock;
+  EXPECT_EQ(rta_read_lockfile(dir / "junk", lock), 0);
+  EXPECT_FALSE(file_exists(dir / "junk")) << "a lock file without keys is removed";
 }
 
 using Rta = ComponentTest;
