@@ -3,7 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <filesystem>
+#include <cstring>
 
 #include "components/command.h"
 #include "platform/findproc.h"
@@ -28,10 +28,9 @@ int StartSORLEX_UNIX(const std::string& root, int debug) {
   const std::string spare = root + "/tmp/sorlexagent.txt";
   if (!file_exists(startup) && file_exists(spare)) {
     // The program looks for its start-up file only beside its bin dir.
-    std::error_code ec;
-    std::filesystem::copy_file(spare, startup, ec);
-    if (ec) log_printf("W-SORLEX_COPY", "Unable to copy %s to %s, %s", spare.c_str(), startup.c_str(),
-                       ec.message().c_str());
+    if (const int error = copy_file_exclusive(spare, startup); error != 0)
+      log_printf("W-SORLEX_COPY", "Unable to copy %s to %s, %s", spare.c_str(), startup.c_str(),
+                 std::strerror(error));
   }
   ComponentCommand command;
   command.value(program_path(root));

@@ -158,4 +158,20 @@ std::string resolved_path(const std::string& path) {
   return ec ? std::filesystem::absolute(path, ec).lexically_normal().string() : resolved.string();
 }
 
+int copy_file_exclusive(const std::string& from, const std::string& to) {
+  UniqueFd in(::open(from.c_str(), O_RDONLY | O_CLOEXEC));
+  struct stat st {};
+  if (!in || ::fstat(in.get(), &st) != 0) return errno;
+  std::string content;
+  char block[8192];
+  for (;;) {
+    const ssize_t n = ::read(in.get(), block, sizeof block);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) return errno;
+    if (n == 0) break;
+    content.append(block, static_cast<size_t>(n));
+  }
+  return create_file_exclusive(to, content, st.st_mode & 07777);
+}
+
 }  // namespace kova

@@ -78,4 +78,8 @@ class WorkFileLock {
   UniqueFd fd_;
 };
 
+// Copies the file `from` to `to`, which must not exist yet, with the same
+// permission bits; the copy appears whole or not at all. Returns 0 or errno.
+[[nodiscard]] int copy_file_exclusive(const std::string& from, const std::string& to);
+
 }  // namespace kova
