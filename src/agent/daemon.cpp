@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "base/log.h"
+#include "platform/process.h"
 
 namespace kova {
 namespace {
@@ -84,6 +85,10 @@ int make_daemon(const std::string& directory, int priority) {
   }
   (void)::chdir(directory.c_str());  // on failure it stays put: every path used is absolute
   ::umask(022);
+  // Nothing above the standard three is the agent's own yet: whatever the
+  // starting shell or program left open would otherwise stay open for the
+  // daemon's life, and be copied into every request child.
+  close_descriptors_from(STDERR_FILENO + 1, descriptor_limit());
   // Standard input, output and error stay where they were: the agent still
   // writes its start-up messages there, and admins' scripts read them. Only
   // one the agent was started without is filled with /dev/null, so that the

@@ -6,8 +6,9 @@
 namespace kova {
 
 // Detaches the process (two forks, a new session, the priority applied),
-// moves to `directory` and opens /dev/null on any standard descriptor that
-// is closed. Returns 1, or -1 when the first fork fails.
+// moves to `directory`, closes every inherited descriptor above the
+// standard three and opens /dev/null on any standard descriptor that is
+// closed. Returns 1, or -1 when the first fork fails.
 int make_daemon(const std::string& directory, int priority);
 
 // Records what TerminateAgent must undo: the listening socket and, while

@@ -16,13 +16,6 @@
 namespace kova {
 namespace {
 
-// The descriptor limit for closing by hand where close_range(2) is missing;
-// read before fork, since the child may not allocate.
-int descriptor_limit() {
-  const long open_max = ::sysconf(_SC_OPEN_MAX);
-  return open_max > 0 && open_max < 65536 ? static_cast<int>(open_max) : 65536;
-}
-
 // In the child between fork and exec: default signal handling, nothing
 // blocked, and every descriptor from `first` on closed. Async-signal-safe.
 void reset_child(int first, int fd_limit) {
@@ -30,8 +23,7 @@ void reset_child(int first, int fd_limit) {
   sigset_t none;
   sigemptyset(&none);
   (void)::sigprocmask(SIG_SETMASK, &none, nullptr);
-  if (::close_range(static_cast<unsigned>(first), ~0U, 0) != 0)
-    for (int fd = first; fd < fd_limit; ++fd) (void)::close(fd);
+  close_descriptors_from(first, fd_limit);
 }
 
 // Moves a descriptor above 9, so that none the child rearranges can be
@@ -44,6 +36,16 @@ UniqueFd moved_high(int fd) {
 }
 
 }  // namespace
+
+int descriptor_limit() {
+  const long open_max = ::sysconf(_SC_OPEN_MAX);
+  return open_max > 0 && open_max < 65536 ? static_cast<int>(open_max) : 65536;
+}
+
+void close_descriptors_from(int first, int fd_limit) {
+  if (::close_range(static_cast<unsigned>(first), ~0U, 0) != 0)
+    for (int fd = first; fd < fd_limit; ++fd) (void)::close(fd);
+}
 
 ChildProcess& ChildProcess::operator=(ChildProcess&& other) noexcept {
   if (this != &other) {

@@ -61,6 +61,12 @@ inline constexpr size_t kCommandOutputMax = 1024;
 // when PATH is unset); `name` when none is found.
 std::string find_program(const std::string& name);
 
+// Closes every descriptor from `first` on. `fd_limit` (descriptor_limit(),
+// read beforehand) bounds the loop used where close_range(2) is missing.
+// Async-signal-safe, so a child may call it between fork and exec.
+void close_descriptors_from(int first, int fd_limit);
+int descriptor_limit();
+
 // argv joined by blanks, as the command line reads in the log. No shell
 // ever sees it: the program is started from the argument vector itself.
 std::string command_text(const std::vector<std::string>& argv);

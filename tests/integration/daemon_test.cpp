@@ -81,13 +81,34 @@ int zombie_children(pid_t pid) {
   return zombies;
 }
 
+// What each descriptor of `pid` above the standard three refers to.
+std::vector<std::string> descriptors_above_stderr(pid_t pid) {
+  std::vector<std::string> targets;
+  std::error_code ec;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd", ec))
+    if (std::stoi(entry.path().filename().string()) > STDERR_FILENO)
+      targets.push_back(std::filesystem::read_symlink(entry.path(), ec).string());
+  return targets;
+}
+
 // SIGTERM ending the agent with status 0 is covered with the registered servers.
 TEST_F(Daemon, RunsOnceOverAStaleLockReportsStatusAndStopsOnRequest) {
   InstallTree tree;
   write_file(tree.lock_path(), "PID~999999\nUSER~root\n");
   int port = free_port();
+  // A descriptor the starting program leaves open, as a shell's redirection would.
+  int inherited[2];
+  ASSERT_EQ(::pipe(inherited), 0);
   RunningAgent agent(tree, port);
+  ::close(inherited[0]);
+  ::close(inherited[1]);
   ASSERT_TRUE(agent.started()) << agent.launch().err;
+  // The listening socket, and nothing inherited (once the harness's
+  // readiness probe has been passed on to a request child).
+  std::vector<std::string> held;
+  EXPECT_TRUE(eventually([&] { return (held = descriptors_above_stderr(agent.host_pid())).size() == 1; }));
+  ASSERT_FALSE(held.empty());
+  EXPECT_EQ(held[0].rfind("socket:", 0), 0u) << held[0];
   EXPECT_EQ(agent.launch().out, kBanner + "kovaagent started.\n");
   EXPECT_NE(tree.log().find("KOVAAGENT-I-STARTED,     Agent started\n"), std::string::npos);
   EXPECT_NE(::getsid(agent.host_pid()), ::getsid(0));  // detached from the starter's terminal session
