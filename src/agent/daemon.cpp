@@ -20,6 +20,7 @@ namespace {
 // it without allocating.
 struct TerminateState {
   volatile sig_atomic_t listen_fd = -1;
+  volatile sig_atomic_t listen_fd_owner = -1;  // the process that listens on it
   volatile sig_atomic_t use_lock = 0;
   char lock_path[4096] = {};
 };
@@ -37,12 +38,15 @@ void set_terminate_state(int listen_fd, int use_lock, const std::string& lock_pa
   size_t n = std::min(lock_path.size(), sizeof g_terminate.lock_path - 1);
   std::memcpy(g_terminate.lock_path, lock_path.data(), n);
   g_terminate.lock_path[n] = '\0';
+  g_terminate.listen_fd_owner = ::getpid();
   g_terminate.listen_fd = listen_fd;
   g_terminate.use_lock = use_lock;
 }
 
 void TerminateAgent(int /*signal*/) {
-  if (g_terminate.listen_fd >= 0) ::close(g_terminate.listen_fd);
+  // A request child closed its copy of the socket at once, and the number
+  // may name another of its files by now.
+  if (g_terminate.listen_fd >= 0 && g_terminate.listen_fd_owner == ::getpid()) ::close(g_terminate.listen_fd);
   if (g_terminate.use_lock == 1 && g_terminate.lock_path[0] != '\0') ::unlink(g_terminate.lock_path);
   ::_exit(0);
 }

@@ -11,8 +11,11 @@ namespace kova {
 // closed. Returns 1, or -1 when the first fork fails.
 int make_daemon(const std::string& directory, int priority);
 
-// Records what TerminateAgent must undo: the listening socket and, while
-// use_lock is 1, the lock file to remove. Call again whenever either changes.
+// Records what TerminateAgent must undo: the calling process's listening
+// socket and, while use_lock is 1, the lock file to remove. Call again
+// whenever either changes. Request children inherit the record as it is
+// (writing it would cost each child a copy of its page); TerminateAgent
+// closes the socket only in the process that recorded it.
 void set_terminate_state(int listen_fd, int use_lock, const std::string& lock_path);
 
 // Closes the listening socket, removes the lock file when use_lock was 1,

@@ -25,7 +25,7 @@ namespace kova {
 namespace {
 
 // Sends the first `n` bytes of a reply built in `reply`.
-void send_reply(int fd, const PacketBuffer& reply, size_t n) { (void)Socket_writen(fd, reply.data(), n); }
+[[gnu::hot]] void send_reply(int fd, const PacketBuffer& reply, size_t n) { (void)Socket_writen(fd, reply.data(), n); }
 
 void send_error(int fd, int code) {
   PacketBuffer reply{};
@@ -37,6 +37,10 @@ void send_startstop(int fd, int status) {
   PacketBuffer reply{};
   send_reply(fd, reply, static_cast<size_t>(Packet_CreateSTARTSTOP(status, reply)));
 }
+
+// The handlers are called, not inlined into process_request: their buffers
+// would widen the one stack frame every request runs in, and each page of
+// stack a request child touches is a page copied for it.
 
 // The collector and real-time agent state lines of a status request,
 // written on the first request after start and then once a period.
@@ -66,7 +70,8 @@ void log_component_states(const AgentState& state, int dc_status, int rta_status
                dc_status, dc.dc_interval, dc.dc_peak_interval, rta_status);
 }
 
-int start_collector(int fd, const std::string& address, const PacketBuffer& request, const AgentSettings& s) {
+[[gnu::noinline]] int start_collector(int fd, const std::string& address, const PacketBuffer& request,
+                                     const AgentSettings& s) {
   int dump = Packet_CheckOPCODE(request, 2);
   if (dump < 0 || dump > 60000) dump = 120;
   int peak = Packet_CheckOPCODE(request, 4) * 1000;
@@ -79,7 +84,7 @@ int start_collector(int fd, const std::string& address, const PacketBuffer& requ
   return kDispatchCollectorStarted;
 }
 
-int stop_collector(int fd, const std::string& address, const AgentSettings& s) {
+[[gnu::noinline]] int stop_collector(int fd, const std::string& address, const AgentSettings& s) {
   log_printf("I-REQ_DC_STOP", "Stop Data Collector request from %s", address.c_str());
   int status = StopDC_UNIX(s);
   if (status == kStatusNotRunning)
@@ -90,7 +95,7 @@ int stop_collector(int fd, const std::string& address, const AgentSettings& s) {
   return kDispatchCollectorStopped;
 }
 
-int component_status(int fd, const AgentState& state) {
+[[gnu::noinline]] int component_status(int fd, const AgentState& state) {
   int dc_status = CheckDC_UNIX(state.settings);
   int rta_status = CheckRTA_UNIX(state.settings);
   log_component_states(state, dc_status, rta_status);
@@ -101,7 +106,8 @@ int component_status(int fd, const AgentState& state) {
   return kDispatchStatusSent;
 }
 
-int start_rta(int fd, const std::string& address, const PacketBuffer& request, const AgentSettings& s) {
+[[gnu::noinline]] int start_rta(int fd, const std::string& address, const PacketBuffer& request,
+                               const AgentSettings& s) {
   int processes = Packet_CheckOPCODE(request, 2);
   int port = Packet_CheckLONG(request, 4);
   int scan_rate = Packet_CheckLONG(request, 8);
@@ -113,7 +119,7 @@ int start_rta(int fd, const std::string& address, const PacketBuffer& request, c
   return kDispatchRtaStarted;
 }
 
-int stop_rta(int fd, const std::string& address, const AgentSettings& s) {
+[[gnu::noinline]] int stop_rta(int fd, const std::string& address, const AgentSettings& s) {
   log_printf("I-RTA_STOP", "Stop KOVArta request from %s", address.c_str());
   int status = StopRTA_UNIX(s);
   if (status == kStatusNotRunning)
@@ -124,7 +130,7 @@ int stop_rta(int fd, const std::string& address, const AgentSettings& s) {
   return kDispatchRtaStopped;
 }
 
-int sorlex_request(int fd, const std::string& address, int opcode, const AgentSettings& s) {
+[[gnu::noinline]] int sorlex_request(int fd, const std::string& address, int opcode, const AgentSettings& s) {
   const std::string& root = s.search_agent_root;
   int status;
   if (opcode == kOpStartSorlex) {
@@ -151,7 +157,7 @@ int sorlex_request(int fd, const std::string& address, int opcode, const AgentSe
   return kDispatchDone;
 }
 
-int receive_memory_file(int fd, const std::string& address, const AgentSettings& s) {
+[[gnu::noinline]] int receive_memory_file(int fd, const std::string& address, const AgentSettings& s) {
   PacketBuffer buffer{}, spare{};
   int result = receive_ascii_file(fd, s, s.memory_file_path, address, buffer, spare, 1, kPacketMemAck);
   if (result != 0) {
@@ -162,7 +168,7 @@ int receive_memory_file(int fd, const std::string& address, const AgentSettings&
   return result;
 }
 
-int perf_request(int fd, const std::string& address, const PacketBuffer& request, AgentState& state) {
+[[gnu::noinline]] int perf_request(int fd, const std::string& address, const PacketBuffer& request, AgentState& state) {
   const AgentSettings& s = state.settings;
   PacketBuffer buffer{};
   const int result = process_perf_request(fd, s, address, request, buffer, state.zud_age);
@@ -177,7 +183,20 @@ int perf_request(int fd, const std::string& address, const PacketBuffer& request
   return result;
 }
 
-int extended_request(int fd, const std::string& address, const PacketBuffer& request, AgentState& state) {
+[[gnu::noinline]] int config_request(int fd, const std::string& address, const PacketBuffer& request,
+                                    const AgentSettings& s) {
+  write_to_log("I-PERF", "Request CONFIG file.");
+  PacketBuffer buffer{};
+  int result = process_config_request(fd, s, address, request, buffer);
+  if (result != 0) {
+    log_printf("E-CONFIG", "Problem sending .dat :  %s\n", result_text(result));
+    send_error(fd, result);
+  }
+  return result;
+}
+
+[[gnu::noinline]] int extended_request(int fd, const std::string& address, const PacketBuffer& request,
+                                      AgentState& state) {
   ExtendedRequest ext;
   read_extended_tag(request, ext);
   log_printf("I-REQ_EXTEND", "Extended Request %s  from %s", log_escape(ext.tag.data()).c_str(), address.c_str());
@@ -264,7 +283,7 @@ int extended_request(int fd, const std::string& address, const PacketBuffer& req
 
 }  // namespace
 
-int process_request(int fd, const std::string& address, AgentState& state, int pid) {
+[[gnu::hot]] int process_request(int fd, const std::string& address, AgentState& state, int pid) {
   const AgentSettings& s = state.settings;
   PacketBuffer request{};
   if (read_request(fd, request, s.verbose) < 0) {
@@ -293,16 +312,7 @@ int process_request(int fd, const std::string& address, AgentState& state, int p
       send_reply(fd, reply, 8);
       return kDispatchDone;
     }
-    case kOpConfig: {
-      write_to_log("I-PERF", "Request CONFIG file.");
-      PacketBuffer buffer{};
-      int result = process_config_request(fd, s, address, request, buffer);
-      if (result != 0) {
-        log_printf("E-CONFIG", "Problem sending .dat :  %s\n", result_text(result));
-        send_error(fd, result);
-      }
-      return result;
-    }
+    case kOpConfig: return config_request(fd, address, request, s);
     case kOpOsId: {
       write_to_log("I-VERS", "sending os ID \n");
       PacketBuffer reply{};

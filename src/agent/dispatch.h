@@ -9,7 +9,8 @@
 namespace kova {
 
 // Serves the request on connection `fd` from `address`. `pid` is the
-// request child's pid, 0 when the agent serves requests itself. Returns
+// request child's pid for the verbose log line (a child whose line is off
+// may pass 0), 0 when the agent serves requests itself. Returns
 // kDispatchTerminate for a terminate request; other values are informative.
 int process_request(int fd, const std::string& address, AgentState& state, int pid);
 

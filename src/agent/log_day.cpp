@@ -9,11 +9,30 @@
 
 namespace kova {
 
-int get_log_file_name_unix(const AgentSettings& s) {
+namespace {
+
+// The first second of the local day after the one `local` falls on, or an
+// earlier second where that midnight does not exist: the span it closes may
+// end early, never late.
+[[gnu::hot]] std::time_t next_midnight(const std::tm& local) {
+  std::tm next{};
+  next.tm_year = local.tm_year;
+  next.tm_mon = local.tm_mon;
+  next.tm_mday = local.tm_mday + 1;
+  next.tm_isdst = -1;
+  return std::mktime(&next);
+}
+
+}  // namespace
+
+[[gnu::hot]] int get_log_file_name_unix(const AgentSettings& s) {
   LogState& log = log_state();
   std::time_t now = clock_now();
+  if (now >= log.same_day_from && now < log.same_day_until) return 0;
   std::tm local{};
   localtime_r(&now, &local);
+  log.same_day_from = now;
+  log.same_day_until = next_midnight(local);
   if (local.tm_yday == log.logfile_yday) return 0;
 
   char date[64];

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -13,34 +14,74 @@
 namespace kova {
 namespace {
 
-constexpr const char* kFacility = "KOVAAGENT";
+constexpr std::string_view kFacility = "KOVAAGENT";
+constexpr size_t kTagColumns = 13;  // the tag and its comma, left-justified
+
+// printf output, on the stack when it is short. Request children log a
+// line or two each; kept off the heap, a line costs a child no copy of the
+// heap pages it shares with the listening process.
+class Formatted {
+ public:
+  Formatted(const char* format, va_list args) {
+    va_list copy;
+    va_copy(copy, args);
+    const int n = std::vsnprintf(small_, sizeof small_, format, copy);
+    va_end(copy);
+    if (n < 0) return;
+    size_ = static_cast<size_t>(n);
+    if (size_ < sizeof small_) return;
+    large_.resize(size_);
+    std::vsnprintf(large_.data(), size_ + 1, format, args);
+  }
+  Formatted(const Formatted&) = delete;
+  Formatted& operator=(const Formatted&) = delete;
+
+  std::string_view view() const { return {size_ < sizeof small_ ? small_ : large_.data(), size_}; }
+
+ private:
+  char small_[256];
+  size_t size_ = 0;
+  std::string large_;
+};
+
+[[gnu::hot]] size_t stamped_line_size(std::string_view stamp, std::string_view tag, std::string_view message) {
+  return stamp.size() + 3 + kFacility.size() + 1 + std::max(tag.size() + 1, kTagColumns) + 2 + message.size() + 1;
+}
+
+// Writes the stamped line into `out`, which has room for stamped_line_size.
+[[gnu::hot]] void compose_stamped_line(char* out, std::string_view stamp, std::string_view tag,
+                                      std::string_view message) {
+  const auto put = [&out](std::string_view text) { out = std::copy(text.begin(), text.end(), out); };
+  put(stamp);
+  put(",  ");
+  put(kFacility);
+  put("-");
+  put(tag);
+  put(",");
+  if (tag.size() + 1 < kTagColumns) out = std::fill_n(out, kTagColumns - tag.size() - 1, ' ');
+  put("  ");
+  put(message);
+  put("\n");
+}
 
 }  // namespace
 
-std::string string_vprintf(const char* format, va_list args) {
-  va_list copy;
-  va_copy(copy, args);
-  char small[512];
-  int n = std::vsnprintf(small, sizeof small, format, copy);
-  va_end(copy);
-  if (n < 0) return {};
-  if (static_cast<size_t>(n) < sizeof small) return std::string(small, static_cast<size_t>(n));
-  std::string out(static_cast<size_t>(n), '\0');
-  std::vsnprintf(out.data(), out.size() + 1, format, args);
-  return out;
-}
-
-LogState& log_state() {
+[[gnu::hot]] LogState& log_state() {
   static LogState state;
   return state;
+}
+
+std::string string_vprintf(const char* format, va_list args) {
+  const Formatted text(format, args);
+  return std::string(text.view());
 }
 
 std::string string_printf(const char* format, ...) {
   va_list args;
   va_start(args, format);
-  std::string out = string_vprintf(format, args);
+  const Formatted text(format, args);
   va_end(args);
-  return out;
+  return std::string(text.view());
 }
 
 std::string log_escape(std::string_view text) {
@@ -66,27 +107,26 @@ std::string log_escape(std::string_view text) {
   return out;
 }
 
-std::string gettimestamp() {
-  std::time_t now = clock_now();
-  char buf[64];
-  if (ctime_r(&now, buf) == nullptr) return {};
-  std::string stamp(buf);
-  if (stamp.size() > 1 && stamp.back() == '\n') stamp.pop_back();
+[[gnu::hot]] std::string_view gettimestamp(StampBuffer& buffer) {
+  const std::time_t now = clock_now();
+  if (ctime_r(&now, buffer.data()) == nullptr) return {};
+  std::string_view stamp(buffer.data());
+  if (stamp.size() > 1 && stamp.back() == '\n') stamp.remove_suffix(1);
   return stamp;
 }
 
+std::string gettimestamp() {
+  StampBuffer buffer;
+  return std::string(gettimestamp(buffer));
+}
+
 std::string format_log_line(std::string_view stamp, std::string_view tag, std::string_view message) {
-  std::string tag_comma(tag);
-  tag_comma += ',';
-  std::string line;
-  line.reserve(stamp.size() + tag_comma.size() + message.size() + 32);
-  line.append(stamp).append(",  ").append(kFacility).append("-").append(tag_comma);
-  if (tag_comma.size() < 13) line.append(13 - tag_comma.size(), ' ');
-  line.append("  ").append(message).append("\n");
+  std::string line(stamped_line_size(stamp, tag, message), '\0');
+  compose_stamped_line(line.data(), stamp, tag, message);
   return line;
 }
 
-int write_to_log(std::string_view tag, std::string_view message, bool stamped) {
+[[gnu::hot]] int write_to_log(std::string_view tag, std::string_view message, bool stamped) {
   LogState& log = log_state();
   if (log.logfile.empty()) return 0;
   int fd = ::open(log.logfile.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
@@ -95,8 +135,23 @@ int write_to_log(std::string_view tag, std::string_view message, bool stamped) {
       std::printf("KOVAAGENT-E-OPEN: Unable to open log %s, %s\n", log.logfile.c_str(), std::strerror(errno));
     return 0;
   }
-  std::string line = stamped ? format_log_line(gettimestamp(), tag, message) : std::string(message) + "\n";
-  ssize_t n = ::write(fd, line.data(), line.size());
+  StampBuffer stamp_buffer;
+  const std::string_view stamp = stamped ? gettimestamp(stamp_buffer) : std::string_view();
+  const size_t size = stamped ? stamped_line_size(stamp, tag, message) : message.size() + 1;
+  char small[256];  // most lines; see Formatted
+  std::string large;
+  char* line = small;
+  if (size > sizeof small) {
+    large.resize(size);
+    line = large.data();
+  }
+  if (stamped) {
+    compose_stamped_line(line, stamp, tag, message);
+  } else {
+    std::copy(message.begin(), message.end(), line);
+    line[size - 1] = '\n';
+  }
+  ssize_t n = ::write(fd, line, size);
   ::close(fd);
   return n < 0 ? 0 : static_cast<int>(n);
 }
@@ -104,9 +159,9 @@ int write_to_log(std::string_view tag, std::string_view message, bool stamped) {
 int log_printf(const char* tag, const char* format, ...) {
   va_list args;
   va_start(args, format);
-  std::string message = string_vprintf(format, args);
+  const Formatted message(format, args);
   va_end(args);
-  return write_to_log(tag, message, true);
+  return write_to_log(tag, message.view(), true);
 }
 
 }  // namespace kova

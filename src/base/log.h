@@ -2,7 +2,9 @@
 // a time by the listening process and every request child alike.
 #pragma once
 
+#include <array>
 #include <cstdarg>
+#include <ctime>
 #include <string>
 #include <string_view>
 
@@ -13,6 +15,10 @@ namespace kova {
 struct LogState {
   std::string logfile;    // full path of the current day's log; empty: no log yet
   int logfile_yday = -1;  // day of the year logfile was formed for
+  // A span of time known to fall on logfile_yday: from the last look at the
+  // calendar to the next local midnight. The listening process checks the
+  // day before every fork; within the span it needs no calendar look-up.
+  std::time_t same_day_from = 0, same_day_until = 0;
   bool verbose = false;   // report a log that cannot be opened on stdout
 };
 
@@ -39,7 +45,13 @@ std::string log_escape(std::string_view text);
 // Formats a stamped line exactly as write_to_log writes it.
 std::string format_log_line(std::string_view stamp, std::string_view tag, std::string_view message);
 
-// The current time as ctime(3) prints it, without its line feed.
+// Room for a time stamp.
+using StampBuffer = std::array<char, 64>;
+
+// The current time as ctime(3) prints it, without its line feed, written
+// into `buffer`; the returned text lives there. The second form returns a
+// copy.
+std::string_view gettimestamp(StampBuffer& buffer);
 std::string gettimestamp();
 
 // printf into a std::string.

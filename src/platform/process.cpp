@@ -1,6 +1,7 @@
 #include "platform/process.h"
 
 #include <fcntl.h>
+#include <stdio_ext.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -8,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <string_view>
 
@@ -45,6 +47,11 @@ int descriptor_limit() {
 void close_descriptors_from(int first, int fd_limit) {
   if (::close_range(static_cast<unsigned>(first), ~0U, 0) != 0)
     for (int fd = first; fd < fd_limit; ++fd) (void)::close(fd);
+}
+
+[[gnu::hot]] void flush_standard_streams() {
+  for (std::FILE* stream : {stdout, stderr})
+    if (__fpending(stream) > 0) (void)std::fflush(stream);
 }
 
 ChildProcess& ChildProcess::operator=(ChildProcess&& other) noexcept {

@@ -67,6 +67,14 @@ std::string find_program(const std::string& name);
 void close_descriptors_from(int first, int fd_limit);
 int descriptor_limit();
 
+// Writes out what standard output and standard error still hold, as
+// fflush would, before a fork (so a child does not write it again) or an
+// _exit (which would drop it). Streams with nothing pending are left
+// untouched, not even locked: the listening process forks for every
+// request and should write to nothing it shares with its children. Other
+// streams are the callers' own and closed before either point.
+void flush_standard_streams();
+
 // argv joined by blanks, as the command line reads in the log. No shell
 // ever sees it: the program is started from the argument vector itself.
 std::string command_text(const std::vector<std::string>& argv);

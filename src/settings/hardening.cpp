@@ -122,7 +122,7 @@ bool address_in_blocks(std::string_view address, std::span<const AddressBlock> b
   });
 }
 
-bool server_admitted(const AgentSettings& settings, const std::string& address, const std::string& list) {
+[[gnu::hot]] bool server_admitted(const AgentSettings& settings, const std::string& address, const std::string& list) {
   if (settings.harden != 1) return validateConsole(address, list) == 1;
   if (list == kAnyServer) return true;
   std::vector<AddressBlock> blocks;

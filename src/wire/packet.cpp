@@ -58,7 +58,7 @@ void Packet_CreateMEMACK(int value, PacketBuffer& buffer) {
   buffer[3] = static_cast<unsigned char>(value & 0xff);
 }
 
-int Packet_CreateVERS(int major, int minor, PacketBuffer& buffer) {
+[[gnu::hot]] int Packet_CreateVERS(int major, int minor, PacketBuffer& buffer) {
   buffer.fill(0);
   put_short(buffer, 0, kPacketVers);
   put_short(buffer, 2, major);
@@ -84,7 +84,7 @@ int Packet_CreateString(PacketBuffer& buffer, std::string_view text) {
   return static_cast<int>(kStringHeaderSize + n);
 }
 
-int Packet_CreateOS(PacketBuffer& buffer, int64_t id) {
+[[gnu::hot]] int Packet_CreateOS(PacketBuffer& buffer, int64_t id) {
   buffer.fill(0);
   put_long(buffer, 0, id);
   return 1;
@@ -101,7 +101,7 @@ void CreateZUDData(int a, int64_t b, int c, int d, PacketBuffer& buffer, int /*f
   Packet_CreateRAWData(a, b, c, d, buffer);
 }
 
-int16_t Packet_CheckOPCODE(std::span<const unsigned char> bytes, size_t offset) {
+[[gnu::hot]] int16_t Packet_CheckOPCODE(std::span<const unsigned char> bytes, size_t offset) {
   if (offset > bytes.size() || bytes.size() - offset < 2) return 0;
   return static_cast<int16_t>(static_cast<uint16_t>(bytes[offset] | (bytes[offset + 1] << 8)));
 }

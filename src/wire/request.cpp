@@ -29,7 +29,7 @@ constexpr ExtendedTagRow kTagTable[] = {
 
 }  // namespace
 
-ssize_t read_request(int fd, PacketBuffer& request, int verbose) {
+[[gnu::hot]] ssize_t read_request(int fd, PacketBuffer& request, int verbose) {
   request.fill(0);
   return Socket_readn_nonblock(fd, request.data(), kRequestSize, verbose);
 }

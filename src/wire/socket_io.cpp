@@ -20,7 +20,7 @@
 namespace kova {
 namespace {
 
-int poll_readable(int fd, int timeout_ms) {
+[[gnu::hot]] int poll_readable(int fd, int timeout_ms) {
   pollfd p{fd, POLLIN, 0};
   return ::poll(&p, 1, timeout_ms);
 }
@@ -30,7 +30,25 @@ int64_t steady_now_ms() {
       .count();
 }
 
-ssize_t write_some(int fd, const unsigned char* data, size_t n) {
+// The dotted decimal text of an IPv4 address, as inet_ntoa(3) writes it.
+// Built here rather than by the C library's formatter, which would take the
+// listening process, which formats every peer, a page deeper into a stack
+// that each fork makes it copy again.
+[[gnu::hot]] std::string dotted_ipv4(in_addr address) {
+  const uint32_t host = ntohl(address.s_addr);
+  char text[16];
+  char* out = text;
+  for (int shift = 24; shift >= 0; shift -= 8) {
+    const unsigned octet = (host >> shift) & 0xffu;
+    if (octet >= 100) *out++ = static_cast<char>('0' + octet / 100);
+    if (octet >= 10) *out++ = static_cast<char>('0' + octet / 10 % 10);
+    *out++ = static_cast<char>('0' + octet % 10);
+    if (shift > 0) *out++ = '.';
+  }
+  return std::string(text, out);
+}
+
+[[gnu::hot]] ssize_t write_some(int fd, const unsigned char* data, size_t n) {
   // The agent does not ignore SIGPIPE, and a server that hangs up mid-reply
   // must cost a log line, not the request process.
   ssize_t k = ::send(fd, data, n, MSG_NOSIGNAL);
@@ -38,7 +56,7 @@ ssize_t write_some(int fd, const unsigned char* data, size_t n) {
   return k;
 }
 
-ssize_t read_loop(int fd, void* buffer, size_t n, int verbose) {
+[[gnu::hot]] ssize_t read_loop(int fd, void* buffer, size_t n, int verbose) {
   auto* out = static_cast<unsigned char*>(buffer);
   size_t got = 0;
   int failures = 0;
@@ -139,25 +157,26 @@ int Socket_Create(int port, const std::string& address) {
   return sock.release();
 }
 
-std::string Socket_peer_text(const sockaddr_storage& peer) {
-  char text[INET6_ADDRSTRLEN] = {};
+[[gnu::hot]] std::string Socket_peer_text(const sockaddr_storage& peer) {
   if (peer.ss_family == AF_INET6) {
     const in6_addr& a = reinterpret_cast<const sockaddr_in6&>(peer).sin6_addr;
-    if (IN6_IS_ADDR_V4MAPPED(&a))
-      ::inet_ntop(AF_INET, a.s6_addr + 12, text, sizeof text);
-    else
-      ::inet_ntop(AF_INET6, &a, text, sizeof text);
-  } else {
-    ::inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in&>(peer).sin_addr, text, sizeof text);
+    if (IN6_IS_ADDR_V4MAPPED(&a)) {
+      in_addr v4;
+      std::memcpy(&v4, a.s6_addr + 12, sizeof v4);
+      return dotted_ipv4(v4);
+    }
+    char text[INET6_ADDRSTRLEN] = {};
+    ::inet_ntop(AF_INET6, &a, text, sizeof text);
+    return text;
   }
-  return text;
+  return dotted_ipv4(reinterpret_cast<const sockaddr_in&>(peer).sin_addr);
 }
 
 ssize_t Socket_send_nowait(int fd, const void* buffer, size_t n) {
   return ::send(fd, buffer, n, MSG_DONTWAIT | MSG_NOSIGNAL);
 }
 
-ssize_t Socket_writen_counted(int fd, const void* buffer, size_t n, size_t& written) {
+[[gnu::hot]] ssize_t Socket_writen_counted(int fd, const void* buffer, size_t n, size_t& written) {
   const auto* data = static_cast<const unsigned char*>(buffer);
   written = 0;
   while (written < n) {
@@ -171,14 +190,14 @@ ssize_t Socket_writen_counted(int fd, const void* buffer, size_t n, size_t& writ
   return static_cast<ssize_t>(n);
 }
 
-ssize_t Socket_writen(int fd, const void* buffer, size_t n) {
+[[gnu::hot]] ssize_t Socket_writen(int fd, const void* buffer, size_t n) {
   size_t written = 0;
   return Socket_writen_counted(fd, buffer, n, written);
 }
 
 ssize_t Socket_readn(int fd, void* buffer, size_t n, int verbose) { return read_loop(fd, buffer, n, verbose); }
 
-ssize_t Socket_readn_nonblock(int fd, void* buffer, size_t n, int verbose) {
+[[gnu::hot]] ssize_t Socket_readn_nonblock(int fd, void* buffer, size_t n, int verbose) {
   return read_loop(fd, buffer, n, verbose);
 }
 

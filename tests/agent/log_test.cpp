@@ -54,9 +54,39 @@ TEST_F(AgentLog, NewDayFormsTheNameWritesTheHeaderAndPurgesOldLogs) {
                 stamp + ",  KOVAAGENT-I_KEEPPERF,    Keep Perf Files : Off\n\n" +
                 stamp + ",  KOVAAGENT-I-STARTED,     Agent started\n");
 
-  clock.set(local_time(2012, 2, 24, 0, 0, 1));
-  EXPECT_EQ(get_log_file_name_unix(s), 1);
-  EXPECT_EQ(log_state().logfile, s.log_dir + "/kova_myhost_2012Feb24.log");
+  // The listening process asks before every request; only the day of the
+  // year decides, whichever way the clock moved since the last answer.
+  const struct { std::time_t now; int changed; const char* day; } steps[] = {
+      {local_time(2012, 2, 23, 23, 59, 59), 0, "2012Feb23"},
+      {local_time(2012, 2, 24, 0, 0, 1), 1, "2012Feb24"},
+      {local_time(2012, 2, 24, 18, 0, 0), 0, "2012Feb24"},
+      {local_time(2012, 2, 23, 23, 0, 0), 1, "2012Feb23"},  // set back across midnight
+      {local_time(2013, 2, 23, 9, 0, 0), 0, "2012Feb23"},   // a year on: the same day of the year
+      {local_time(2013, 2, 24, 9, 0, 0), 1, "2013Feb24"},
+  };
+  for (const auto& step : steps) {
+    clock.set(step.now);
+    EXPECT_EQ(get_log_file_name_unix(s), step.changed) << step.day;
+    EXPECT_EQ(log_state().logfile, s.log_dir + "/kova_myhost_" + step.day + ".log");
+  }
+}
+
+TEST_F(AgentLog, LinesOfAnyLengthAreWrittenWholeAndExact) {
+  FixedClock clock(local_time(2012, 2, 23, 10, 15, 0));
+  log_state().logfile = s.log_dir + "/lines.log";
+  const std::string stamp = "Thu Feb 23 10:15:00 2012";
+  std::string expected;
+  // Around the lengths where a line or a formatted message stops fitting
+  // a fixed buffer.
+  for (size_t length : {1u, 202u, 203u, 204u, 255u, 256u, 257u, 1000u}) {
+    const std::string message(length, 'm');
+    write_to_log("I-TAG", message);
+    log_printf("I-FMT", "%s", message.c_str());
+    write_to_log("", message, false);
+    expected += format_log_line(stamp, "I-TAG", message) + format_log_line(stamp, "I-FMT", message) + message + "\n";
+  }
+  EXPECT_EQ(read_file(log_state().logfile), expected);
+  EXPECT_EQ(format_log_line(stamp, "I-VERS", "v"), stamp + ",  KOVAAGENT-I-VERS,        v\n");
 }
 
 TEST_F(AgentLog, RemoteHeaderAndUnwritableLogStayQuietUnlessVerbose) {

@@ -1,9 +1,11 @@
 #include "wire/socket_io.h"
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <string>
 #include <tuple>
 
@@ -71,6 +73,31 @@ TEST_F(SocketIo, AWriteToAClosedPeerFailsWithoutASignal) {
   EXPECT_EQ(Socket_writen_counted(pair.agent.get(), "data", 4, written), -1);
   EXPECT_EQ(written, 0u);
   EXPECT_EQ(logged("E-WRITE", "write to socket failed Broken pipe"), 1);
+}
+
+// IPv4 peers read as the C library writes them, also when an IPv6 socket
+// took them as mapped addresses.
+TEST(PeerAddress, ReadsAsTheCLibraryWritesItForEveryOctetInEveryPlace) {
+  for (uint32_t v = 0; v < 256; ++v)
+    for (uint32_t host : {v << 24 | 1u, 10u << 24 | v << 16 | 255u, 127u << 24 | v << 8, v * 0x01010101u}) {
+      sockaddr_storage plain{}, mapped{};
+      auto& v4 = reinterpret_cast<sockaddr_in&>(plain);
+      v4.sin_family = AF_INET;
+      v4.sin_addr.s_addr = htonl(host);
+      auto& v6 = reinterpret_cast<sockaddr_in6&>(mapped);
+      v6.sin6_family = AF_INET6;
+      v6.sin6_addr.s6_addr[10] = v6.sin6_addr.s6_addr[11] = 0xff;
+      std::memcpy(v6.sin6_addr.s6_addr + 12, &v4.sin_addr, 4);
+      char expected[INET_ADDRSTRLEN] = {};
+      ::inet_ntop(AF_INET, &v4.sin_addr, expected, sizeof expected);
+      ASSERT_EQ(Socket_peer_text(plain), expected);
+      ASSERT_EQ(Socket_peer_text(mapped), expected);
+    }
+  sockaddr_storage other{};
+  auto& v6 = reinterpret_cast<sockaddr_in6&>(other);
+  v6.sin6_family = AF_INET6;
+  ::inet_pton(AF_INET6, "2001:db8::5", &v6.sin6_addr);
+  EXPECT_EQ(Socket_peer_text(other), "2001:db8::5");
 }
 
 }  // namespace
