@@ -1,5 +1,6 @@
 #include "update/checksum.h"
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <openssl/evp.h>
 #include <unistd.h>
@@ -9,6 +10,7 @@
 #include <cstdio>
 #include <memory>
 
+#include "base/log.h"
 #include "platform/unique.h"
 
 namespace kova {
@@ -48,8 +50,49 @@ bool hex_bytes(const std::string& text, Block& out) {
   return true;
 }
 
+// The cipher, from the cryptographic library loaded by the request that
+// needs it. Linked to the program, the library would be mapped in the
+// listening process, and its relocated tables are pages every fork copies.
+struct Cipher {
+  decltype(&EVP_CIPHER_CTX_new) ctx_new = nullptr;
+  decltype(&EVP_CIPHER_CTX_free) ctx_free = nullptr;
+  decltype(&EVP_aes_128_cbc) aes_128_cbc = nullptr;
+  decltype(&EVP_EncryptInit_ex) encrypt_init = nullptr;
+  decltype(&EVP_CIPHER_CTX_set_padding) set_padding = nullptr;
+  decltype(&EVP_EncryptUpdate) encrypt_update = nullptr;
+  decltype(&EVP_EncryptFinal_ex) encrypt_final = nullptr;
+};
+
+template <typename F>
+bool bind_symbol(void* library, const char* name, F& function) {
+  function = reinterpret_cast<F>(::dlsym(library, name));
+  return function != nullptr;
+}
+
+// Loaded once per process and kept; nullptr after logging why not.
+const Cipher* cipher_functions() {
+  static Cipher cipher;
+  static bool loaded = false;
+  if (loaded) return &cipher;
+  void* library = ::dlopen(KOVA_CRYPTO_LIBRARY, RTLD_NOW | RTLD_LOCAL);
+  if (library == nullptr ||
+      !(bind_symbol(library, "EVP_CIPHER_CTX_new", cipher.ctx_new) && bind_symbol(library, "EVP_CIPHER_CTX_free", cipher.ctx_free) &&
+        bind_symbol(library, "EVP_aes_128_cbc", cipher.aes_128_cbc) &&
+        bind_symbol(library, "EVP_EncryptInit_ex", cipher.encrypt_init) &&
+        bind_symbol(library, "EVP_CIPHER_CTX_set_padding", cipher.set_padding) &&
+        bind_symbol(library, "EVP_EncryptUpdate", cipher.encrypt_update) &&
+        bind_symbol(library, "EVP_EncryptFinal_ex", cipher.encrypt_final))) {
+    log_printf("E-CRYPTO", "Unable to load the cipher from %s: %s", KOVA_CRYPTO_LIBRARY, ::dlerror());
+    if (library != nullptr) ::dlclose(library);
+    return nullptr;
+  }
+  loaded = true;
+  return &cipher;
+}
+
 struct CipherFree {
-  void operator()(EVP_CIPHER_CTX* ctx) const { EVP_CIPHER_CTX_free(ctx); }
+  decltype(&EVP_CIPHER_CTX_free) free;
+  void operator()(EVP_CIPHER_CTX* ctx) const { free(ctx); }
 };
 
 }  // namespace
@@ -73,10 +116,12 @@ int Rijndael_Checksum_Text(const std::string& path, std::string& text_out) {
   (void)Rijndael_Set_Key(key_text);
   (void)Rijndael_Set_IV(iv_text);
   Block key{}, iv{};
-  std::unique_ptr<EVP_CIPHER_CTX, CipherFree> cipher(EVP_CIPHER_CTX_new());
+  const Cipher* evp = cipher_functions();
+  if (evp == nullptr) return 0;
+  std::unique_ptr<EVP_CIPHER_CTX, CipherFree> cipher(evp->ctx_new(), CipherFree{evp->ctx_free});
   const int ready = cipher != nullptr && hex_bytes(key_text, key) && hex_bytes(iv_text, iv) &&
-                    EVP_EncryptInit_ex(cipher.get(), EVP_aes_128_cbc(), nullptr, key.data(), iv.data()) == 1 &&
-                    EVP_CIPHER_CTX_set_padding(cipher.get(), 0) == 1;
+                    evp->encrypt_init(cipher.get(), evp->aes_128_cbc(), nullptr, key.data(), iv.data()) == 1 &&
+                    evp->set_padding(cipher.get(), 0) == 1;
   if (!ready) {
     std::fprintf(stderr, "makeKey error %d\n", ready);
     return 0;
@@ -97,8 +142,8 @@ int Rijndael_Checksum_Text(const std::string& path, std::string& text_out) {
 
   Block out{};
   int out_length = 0, final_length = 0;
-  if (EVP_EncryptUpdate(cipher.get(), out.data(), &out_length, block.data(), static_cast<int>(block.size())) != 1 ||
-      EVP_EncryptFinal_ex(cipher.get(), out.data() + out_length, &final_length) != 1 ||
+  if (evp->encrypt_update(cipher.get(), out.data(), &out_length, block.data(), static_cast<int>(block.size())) != 1 ||
+      evp->encrypt_final(cipher.get(), out.data() + out_length, &final_length) != 1 ||
       out_length + final_length != static_cast<int>(out.size())) {
     std::fprintf(stderr, "blockEncrypt error %d\n", 8 * (out_length + final_length));
     return 0;
