@@ -5,9 +5,13 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <filesystem>
+#include <climits>
+#include <cstdlib>
+#include <string_view>
 #include <utility>
+#include <vector>
 
 #include "platform/unique.h"
 
@@ -135,27 +139,63 @@ WorkFileLock::WorkFileLock(const std::string& path) {
   fd_ = std::move(fd);
 }
 
-bool path_inside(const std::string& path, const std::string& root) {
-  std::error_code ec;
-  const std::filesystem::path p = std::filesystem::absolute(path, ec).lexically_normal();
-  if (ec) return false;
-  const std::filesystem::path r = std::filesystem::absolute(root, ec).lexically_normal();
-  if (ec || root.empty()) return false;
-  // Component by component, so that /opt/kova2 never counts as inside
-  // /opt/kova; a trailing "/" leaves an empty last component.
-  auto at = p.begin();
-  for (const auto& part : r) {
-    if (part.empty()) continue;
-    if (at == p.end() || *at != part) return false;
-    ++at;
+namespace {
+
+// `path` made absolute against the working directory and freed, by its
+// text alone, of "." and empty components and of each ".." with the
+// component before it (never above "/"); "" when it cannot be.
+std::string absolute_normal(const std::string& path) {
+  if (path.empty()) return {};
+  std::string full = path;
+  if (path[0] != '/') {
+    char cwd[PATH_MAX];
+    if (::getcwd(cwd, sizeof cwd) == nullptr) return {};
+    full = std::string(cwd) + "/" + path;
   }
-  return true;
+  std::vector<std::string_view> parts;
+  const std::string_view text = full;
+  for (size_t at = 0; at < text.size();) {
+    const size_t end = std::min(text.find('/', at), text.size());
+    const std::string_view part = text.substr(at, end - at);
+    if (part == "..") {
+      if (!parts.empty()) parts.pop_back();
+    } else if (!part.empty() && part != ".") {
+      parts.push_back(part);
+    }
+    at = end + 1;
+  }
+  std::string out;
+  for (std::string_view part : parts) out.append("/").append(part);
+  return out.empty() ? "/" : out;
+}
+
+}  // namespace
+
+bool path_inside(const std::string& path, const std::string& root) {
+  const std::string p = absolute_normal(path), r = absolute_normal(root);
+  if (p.empty() || r.empty()) return false;
+  // Whole components, so that /opt/kova2 never counts as inside /opt/kova.
+  return r == "/" || (p.compare(0, r.size(), r) == 0 && (p.size() == r.size() || p[r.size()] == '/'));
 }
 
 std::string resolved_path(const std::string& path) {
-  std::error_code ec;
-  const std::filesystem::path resolved = std::filesystem::weakly_canonical(path, ec);
-  return ec ? std::filesystem::absolute(path, ec).lexically_normal().string() : resolved.string();
+  std::string full = path;
+  if (!path.empty() && path[0] != '/') {
+    char cwd[PATH_MAX];
+    if (::getcwd(cwd, sizeof cwd) == nullptr) return {};
+    full = std::string(cwd) + "/" + path;
+  }
+  if (full.empty()) return full;
+  // The longest leading part that exists, with its links resolved; the
+  // rest as written, less "." and "..".
+  for (size_t end = full.size();;) {
+    char real[PATH_MAX];
+    const std::string head = end == 0 ? "/" : full.substr(0, end);
+    if (::realpath(head.c_str(), real) != nullptr) return absolute_normal(real + full.substr(end));
+    if (end == 0) return absolute_normal(full);
+    const size_t slash = full.rfind('/', end - 1);
+    end = slash == std::string::npos ? 0 : slash;
+  }
 }
 
 int copy_file_exclusive(const std::string& from, const std::string& to) {

@@ -1,13 +1,15 @@
 #include "platform/proc_table.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <charconv>
+#include <cerrno>
 #include <climits>
-#include <fstream>
-#include <iterator>
+
+#include "platform/unique.h"
 
 namespace kova {
 namespace {
@@ -65,8 +67,11 @@ bool in_zone(const ProcInfo& info, unsigned long long zone) {
 }
 
 std::vector<std::string> read_proc_cmdline(const std::string& proc_dir) {
-  std::ifstream in(proc_dir + "/cmdline", std::ios::binary);
-  const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  std::string text;
+  UniqueFd in(::open((proc_dir + "/cmdline").c_str(), O_RDONLY | O_CLOEXEC));
+  char block[4096];
+  for (ssize_t n; in && ((n = ::read(in.get(), block, sizeof block)) > 0 || (n < 0 && errno == EINTR));)
+    if (n > 0) text.append(block, static_cast<size_t>(n));
   std::vector<std::string> args;
   for (size_t at = 0; at < text.size();) {
     const size_t end = std::min(text.find('\0', at), text.size());
