@@ -1,17 +1,14 @@
 #include "support/agent_process.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <ctime>
-#include <thread>
 
 #ifndef KOVA_AGENT_BIN
 #define KOVA_AGENT_BIN "kovaagent"
@@ -20,15 +17,7 @@
 namespace kova::test {
 namespace {
 
-constexpr const char* kNoNamespace = "the agent runs only in a test's PID namespace: derive the test from AgentTest";
-
-sockaddr_in loopback(int port) {
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  addr.sin_port = htons(static_cast<uint16_t>(port));
-  return addr;
-}
+constexpr const char* kNoNamespace = "the agent runs only in the suite's PID namespace";
 
 // The socket address of an IPv4 or IPv6 literal and a port; its length, or
 // 0 when `text` is neither.
@@ -46,13 +35,19 @@ socklen_t socket_address(const std::string& text, int port, sockaddr_storage& ad
   return 0;
 }
 
-// The agent with `args`, its output in `io`/out and `io`/err; its pid in
-// the namespace, or -1.
-pid_t spawn(PidNamespace& zone, std::vector<std::string> args, std::vector<std::string> env, const TempDir& io,
-            int uid = -1) {
-  args.insert(args.begin(), KOVA_AGENT_BIN);
-  // Files, not pipes: a daemon keeps its standard descriptors open.
-  return zone.spawn(Spawn{std::move(args), std::move(env), io / "out", io / "err", uid});
+// Runs `argv` with its output in files and waits for it (at most `limit`, then kills it).
+RunResult run(std::vector<std::string> argv, const std::vector<std::string>& env, std::chrono::milliseconds limit,
+              int uid) {
+  RunResult result;
+  TempDir io;
+  ::chmod(io.path().c_str(), 0777);  // for a run under another account
+  const pid_t pid = spawn(Spawn{std::move(argv), env, io / "out", io / "err", uid});
+  if (pid < 0) return result;
+  result.status = wait_for(pid, limit);
+  if (result.status == -1 && send_signal(pid, SIGKILL)) wait_for(pid, std::chrono::seconds(5));
+  result.out = read_file(io / "out");
+  result.err = read_file(io / "err");
+  return result;
 }
 
 }  // namespace
@@ -78,73 +73,30 @@ std::string InstallTree::log() const {
 
 RunResult run_agent(const std::vector<std::string>& args, const std::vector<std::string>& env,
                     std::chrono::milliseconds limit, int uid) {
-  RunResult result;
-  PidNamespace* zone = PidNamespace::current();
-  if (zone == nullptr) {
+  if (!pid_namespace_problem().empty()) {
     ADD_FAILURE() << kNoNamespace;
-    return result;
+    return {};
   }
-  TempDir io;
-  ::chmod(io.path().c_str(), 0777);
-  pid_t pid = spawn(*zone, args, env, io, uid);
-  if (pid < 0) return result;
-  result.status = zone->wait(pid, limit);
-  if (result.status == -1) {
-    zone->kill(pid, SIGKILL);
-    zone->wait(pid, std::chrono::seconds(5));
-  }
-  result.out = read_file(io / "out");
-  result.err = read_file(io / "err");
-  return result;
+  std::vector<std::string> argv{KOVA_AGENT_BIN};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return run(std::move(argv), env, limit, uid);
 }
 
 RunResult run_program(const std::string& program, const std::vector<std::string>& args,
                       std::chrono::milliseconds limit) {
-  RunResult result;
-  TempDir io;
-  std::vector<std::string> words{program};
-  words.insert(words.end(), args.begin(), args.end());
-  std::vector<char*> argv;
-  for (std::string& w : words) argv.push_back(w.data());
-  argv.push_back(nullptr);
-  const std::string out_path = io / "out", err_path = io / "err";
-  const pid_t pid = ::fork();
-  if (pid < 0) return result;
-  if (pid == 0) {
-    const int out = ::open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    const int err = ::open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    const int in = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-    if (out < 0 || err < 0 || in < 0 || ::dup2(in, 0) < 0 || ::dup2(out, 1) < 0 || ::dup2(err, 2) < 0) ::_exit(126);
-    ::execv(argv[0], argv.data());
-    ::_exit(127);
-  }
-  int status = 0;
-  for (auto deadline = std::chrono::steady_clock::now() + limit;;) {
-    const pid_t done = ::waitpid(pid, &status, WNOHANG);
-    if (done == pid) {
-      result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-      break;
-    }
-    if (done < 0 || std::chrono::steady_clock::now() >= deadline) {
-      ::kill(pid, SIGKILL);
-      ::waitpid(pid, nullptr, 0);
-      break;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  result.out = read_file(out_path);
-  result.err = read_file(err_path);
-  return result;
+  std::vector<std::string> argv{program};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return run(std::move(argv), {}, limit, -1);
 }
 
 int free_port() {
-  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in addr = loopback(0);
-  socklen_t len = sizeof addr;
+  sockaddr_storage addr{};
+  socklen_t len = socket_address("127.0.0.1", 0, addr);
+  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   int port = -1;
-  if (::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
+  if (::bind(fd, reinterpret_cast<sockaddr*>(&addr), len) == 0 &&
       ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) == 0)
-    port = ntohs(addr.sin_port);
+    port = ntohs(reinterpret_cast<sockaddr_in*>(&addr)->sin_port);
   ::close(fd);
   return port;
 }
@@ -166,30 +118,30 @@ int connect_to(const std::string& host, int port, const std::string& source) {
 
 RunningAgent::RunningAgent(const InstallTree& tree, int port, std::vector<std::string> extra,
                            std::vector<std::string> env)
-    : zone_(PidNamespace::current()), io_(std::make_unique<TempDir>()), port_(port) {
-  if (zone_ == nullptr) {
+    : io_(std::make_unique<TempDir>()), port_(port) {
+  if (!pid_namespace_problem().empty()) {
     ADD_FAILURE() << kNoNamespace;
     return;
   }
-  std::vector<std::string> args{"-rootdir", tree.root(), "-port", std::to_string(port)};
+  std::vector<std::string> args{KOVA_AGENT_BIN, "-rootdir", tree.root(), "-port", std::to_string(port)};
   args.insert(args.end(), extra.begin(), extra.end());
   bool foreground = false;
-  for (const auto& a : args) foreground |= a == "-nofork";
   std::string probe = "127.0.0.1";  // where the agent listens
-  for (size_t i = 0; i + 1 < args.size(); ++i)
-    if (args[i] == "-listen" && args[i + 1] != "::" && args[i + 1] != "0.0.0.0") probe = args[i + 1];
-
-  pid_t launcher = spawn(*zone_, args, env, *io_);
+  for (size_t i = 1; i < args.size(); ++i) {
+    foreground |= args[i] == "-nofork";
+    if (args[i - 1] == "-listen" && args[i] != "::" && args[i] != "0.0.0.0") probe = args[i];
+  }
+  // Files, not pipes: a daemon keeps its standard descriptors open.
+  const pid_t launcher = spawn(Spawn{std::move(args), std::move(env), *io_ / "out", *io_ / "err"});
   if (launcher < 0) return;
   if (foreground) {
     pid_ = launcher;
   } else {
-    // The launcher exits once detached; the daemon names itself in its lock
-    // file.
-    launch_.status = zone_->wait(launcher, std::chrono::seconds(20));
-    std::string lock = tree.lock_path();
+    // The launcher exits once detached; the daemon names itself in its lock file.
+    launch_.status = wait_for(launcher, std::chrono::seconds(20));
+    const std::string lock = tree.lock_path();
     eventually([&] { return read_file(lock).find("USER~") != std::string::npos; }, std::chrono::seconds(10));
-    std::string content = read_file(lock);
+    const std::string content = read_file(lock);
     if (auto at = content.find("PID~"); at != std::string::npos) pid_ = std::atoi(content.c_str() + at + 4);
   }
   const auto accepting = [&] {
@@ -202,28 +154,22 @@ RunningAgent::RunningAgent(const InstallTree& tree, int port, std::vector<std::s
 }
 
 RunningAgent::~RunningAgent() {
-  if (zone_ != nullptr && alive() && stop(SIGTERM) == -1) {
-    zone_->kill(pid_, SIGKILL);
-    zone_->wait(pid_, std::chrono::seconds(5));
-  }
+  if (alive() && stop(SIGTERM) == -1 && signal(SIGKILL)) wait_for(pid_, std::chrono::seconds(5));
 }
-
-pid_t RunningAgent::host_pid() const { return zone_ != nullptr ? zone_->host_pid(pid_) : -1; }
 
 bool RunningAgent::alive() {
-  if (pid_ <= 0 || ended_ || zone_ == nullptr) return false;
-  if (zone_->running(pid_)) return true;
-  ended_ = true;
-  return false;
+  if (pid_ <= 0 || ended_) return false;
+  ended_ = !running(pid_);
+  return !ended_;
 }
 
-bool RunningAgent::signal(int signal) { return pid_ > 0 && !ended_ && zone_->kill(pid_, signal); }
+bool RunningAgent::signal(int signal) { return pid_ > 0 && !ended_ && send_signal(pid_, signal); }
 
 int RunningAgent::stop(int signal) {
-  if (pid_ <= 0 || zone_ == nullptr) return -1;
-  if (signal != 0) zone_->kill(pid_, signal);
-  int status = zone_->wait(pid_, std::chrono::seconds(10));
-  if (status != -1) ended_ = true;
+  if (pid_ <= 0) return -1;
+  if (signal != 0) send_signal(pid_, signal);
+  const int status = wait_for(pid_, std::chrono::seconds(10));
+  ended_ |= status != -1;
   return status;
 }
 
@@ -257,13 +203,6 @@ std::string request_packet(int opcode, const std::string& args) {
 
 std::string extended_packet(const std::string& tag, const std::string& payload) {
   return request_packet(254, tag.substr(0, 37)) + le16(static_cast<int>(payload.size())) + payload;
-}
-
-std::string hex(const std::string& bytes) {
-  static constexpr char kDigits[] = "0123456789abcdef";
-  std::string out;
-  for (unsigned char c : bytes) out += {kDigits[c >> 4], kDigits[c & 15]};
-  return out;
 }
 
 size_t occurrences(const std::string& text, const std::string& needle) {

@@ -37,29 +37,24 @@ struct RunResult {
   std::string out, err;
 };
 
-// The base of every test that runs the agent: each test gets a private PID
-// namespace, and run_agent and RunningAgent start every program in it, so
-// that no name lookup of the agent can see, let alone signal, a process of
-// the host or of another test. Where no namespace can be made (not root),
-// the test is skipped.
+// The base of every test that runs the agent: skipped where the suite has
+// no PID namespace (see pid_namespace.h); whatever the test started and left
+// running ends with it.
 class AgentTest : public testing::Test {
  protected:
   void SetUp() override {
-    if (!zone_.ok()) GTEST_SKIP() << zone_.why();
+    if (!pid_namespace_problem().empty()) GTEST_SKIP() << pid_namespace_problem();
   }
-  PidNamespace zone_;
+  void TearDown() override { end_leftovers(); }
 };
 
-// Runs a client program (kovaget: it looks no process up by name) with
-// `args` as a plain child of the test, waits for it (at most `limit`, then
-// kills it) and returns its exit status and output. Safe from several
-// threads at once.
+// Runs `program` with `args`, waits for it (at most `limit`, then kills it)
+// and returns its exit status and output. Safe from several threads at once.
 RunResult run_program(const std::string& program, const std::vector<std::string>& args,
                       std::chrono::milliseconds limit = std::chrono::seconds(20));
 
-// Runs the agent with `args` in the test's namespace and waits for it (at
-// most `limit`). With `uid` set (and the test running as root) it runs
-// under that account.
+// The same for the agent, in the namespace only; with `uid` set (and the
+// test running as root) under that account.
 RunResult run_agent(const std::vector<std::string>& args, const std::vector<std::string>& env = {},
                     std::chrono::milliseconds limit = std::chrono::seconds(20), int uid = -1);
 
@@ -73,8 +68,8 @@ int connect_loopback(int port);
 // local address `source` when one is given, or -1.
 int connect_to(const std::string& host, int port, const std::string& source = "");
 
-// A started agent in the test's namespace, whose init reaps a daemonised
-// agent and reports its exit status.
+// A started agent; a daemonised one is this process's child once its
+// launcher has ended.
 class RunningAgent {
  public:
   RunningAgent(const InstallTree& tree, int port, std::vector<std::string> extra = {},
@@ -84,11 +79,10 @@ class RunningAgent {
   RunningAgent& operator=(const RunningAgent&) = delete;
 
   bool started() const { return pid_ > 0 && !ended_; }
-  // The agent's pid in its namespace: what its lock file, -status and
-  // -stop show.
+  // The agent's pid: what its lock file, -status and -stop show.
   pid_t pid() const { return pid_; }
-  // The same process as the test process sees it, for reading /proc.
-  pid_t host_pid() const;
+  // The same: the tests run in the agent's namespace.
+  pid_t host_pid() const { return pid_; }
   int port() const { return port_; }
   const RunResult& launch() const { return launch_; }
   // Its standard output so far (the launcher's and the agent's alike).
@@ -102,7 +96,6 @@ class RunningAgent {
   bool alive();
 
  private:
-  PidNamespace* zone_;
   std::unique_ptr<TempDir> io_;
   pid_t pid_ = -1;
   bool ended_ = false;
@@ -133,7 +126,12 @@ inline std::string padded(const std::string& text, size_t width) {
   return text + std::string(width - text.size(), '\0');
 }
 
-std::string hex(const std::string& bytes);
+inline std::string hex(const std::string& bytes) {
+  static constexpr char kDigits[] = "0123456789abcdef";
+  std::string out;
+  for (unsigned char c : bytes) out += {kDigits[c >> 4], kDigits[c & 15]};
+  return out;
+}
 
 // How often `needle` occurs in `text`.
 size_t occurrences(const std::string& text, const std::string& needle);
