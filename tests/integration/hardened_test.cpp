@@ -5,7 +5,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <string>
@@ -50,15 +49,13 @@ int children_of(pid_t pid) {
 
 TEST_F(Hardened, UnregisteredPeersAreRefusedAtOnceAndNeitherStallNorEndTheAgent) {
   InstallTree tree;
-  RunningAgent agent(tree, free_port(), {"-harden", "-server", "127.0.0.2/31"});
+  // 127.0.0.10 does not admit 127.0.0.1: no substring match.
+  RunningAgent agent(tree, free_port(), {"-harden", "-server", "127.0.0.2/31,127.0.0.10"});
   ASSERT_TRUE(agent.started()) << agent.launch().err;
   EXPECT_EQ(version_from("127.0.0.3", agent.port()), kVersion);
   // Silent, the legacy agent would wait 120 s for the request before answering.
-  const auto asked = std::chrono::steady_clock::now();
   const int silent = connect_to("127.0.0.1", agent.port());
   EXPECT_EQ(hex(to_silent_peer(silent)), kUnregistered);
-  RecordProperty("refusal_us", std::to_string(std::chrono::duration_cast<std::chrono::microseconds>(
-                                                  std::chrono::steady_clock::now() - asked).count()));
   ::close(silent);
   for (int i = 0; i < 20; ++i) {  // peers that reset before they are answered
     const int fd = connect_to("127.0.0.1", agent.port());
@@ -69,10 +66,6 @@ TEST_F(Hardened, UnregisteredPeersAreRefusedAtOnceAndNeitherStallNorEndTheAgent)
   EXPECT_EQ(version_from("127.0.0.2", agent.port()), kVersion);
   // The readiness probe, the silent peer and twenty resets: one line a minute.
   EXPECT_EQ(occurrences(tree.log(), "W-UNREG_SERV,  Request from unregistered server 127.0.0.1\n"), 1u);
-
-  InstallTree tree2;
-  RunningAgent listed(tree2, free_port(), {"-harden", "-server", "127.0.0.10"});
-  EXPECT_EQ(hex(round_trip(listed.port(), request_packet(14))), kUnregistered);  // no substring match
 }
 
 TEST_F(Hardened, ConnectionsBeyondTheLimitAreClosedAtOnceUntilAChildEnds) {

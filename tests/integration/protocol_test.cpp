@@ -20,10 +20,11 @@ using Protocol = AgentTest;
 
 constexpr const char* kForged = "X\nKOVAAGENT-E-FORGED,  \xff";
 
+// Registered servers match by substring: 127.0.0.10 admits 127.0.0.1.
 TEST_F(Protocol, RepliesAreByteExactAndHostileInputNeverEndsTheAgent) {
   InstallTree tree;
   const std::string report = tree / ("tmp/kova_sysconf_" + tree.hostname() + ".dat");
-  RunningAgent agent(tree, free_port(), {"-verbose"});
+  RunningAgent agent(tree, free_port(), {"-verbose", "-server", "127.0.0.10"});
   ASSERT_TRUE(agent.started()) << agent.launch().err;
   const int port = agent.port();
   const std::string written = read_file(report);  // the configuration report, written at start
@@ -82,6 +83,7 @@ TEST_F(Protocol, RepliesAreByteExactAndHostileInputNeverEndsTheAgent) {
     EXPECT_TRUE(sent.ends_with("<ENDVANTREL>\n<ENDCONFIG>\n")) << sent;
   }
   EXPECT_FALSE(file_exists(report));
+  EXPECT_EQ(hex(round_trip_on(connect_to("127.0.0.1", port, "127.0.0.2"), request_packet(14))), "05000a0000000000");
 
   const std::string log = tree.log();
   EXPECT_NE(log.find("E-UNKNOWN_CODE,  Unknown code from server, 127.0.0.1   code 17\n"), std::string::npos) << log;
@@ -98,20 +100,8 @@ TEST_F(Protocol, RepliesAreByteExactAndHostileInputNeverEndsTheAgent) {
   EXPECT_NE(log.find("Extended Request X\\nKOVAAGENT-E-FORGED,  \\xff  from 127.0.0.1\n"), std::string::npos);
   EXPECT_NE(log.find("Unknown extended request X\\nKOVAAGENT-E-FORGED,  \\xff  from"), std::string::npos);
   EXPECT_EQ(occurrences(log, "FORGED"), 2u);
-}
-
-TEST_F(Protocol, OnlyRegisteredServersAreServedBySubstring) {
-  InstallTree tree;
-  RunningAgent other(tree, free_port(), {"-server", "127.0.0.2"});
-  ASSERT_TRUE(other.started()) << other.launch().err;
-  EXPECT_EQ(hex(round_trip(other.port(), request_packet(14))), "05000a0000000000");
-  EXPECT_NE(tree.log().find("W-UNREG_SERV,  Request from unregistered server 127.0.0.1\n"), std::string::npos);
-  EXPECT_EQ(other.stop(SIGTERM), 0);
-
-  InstallTree tree2;
-  RunningAgent listed(tree2, free_port(), {"-server", "127.0.0.10"});
-  ASSERT_TRUE(listed.started());
-  EXPECT_EQ(hex(round_trip(listed.port(), request_packet(14))), "0a00060000000000");
+  EXPECT_NE(log.find("W-UNREG_SERV,  Request from unregistered server 127.0.0.2\n"), std::string::npos);
+  EXPECT_EQ(agent.stop(SIGTERM), 0);
 }
 
 // KOVA_DEBUG shows each request child start and finish: the one ended by
@@ -133,7 +123,6 @@ TEST_F(Protocol, TerminateEndsOnlyTheRequestChildOfAForkingAgent) {
 
   EXPECT_EQ(round_trip(foreground.port(), request_packet(7)), "");
   EXPECT_TRUE(eventually([&] { return !foreground.alive(); }));
-  EXPECT_EQ(occurrences(foreground_tree.log(), "Request from:"), 0u);  // no KOVA_DEBUG, no detail
 }
 
 // The collector state lines of a status request come on the first
