@@ -21,7 +21,7 @@ using Protocol = AgentTest;
 constexpr const char* kForged = "X\nKOVAAGENT-E-FORGED,  \xff";
 
 // Registered servers match by substring: 127.0.0.10 admits 127.0.0.1.
-TEST_F(Protocol, RepliesAreByteExactAndHostileInputNeverEndsTheAgent) {
+TEST_F(Protocol, RepliesAndTheMemoryFileAreByteExactAndHostileInputNeverEndsTheAgent) {
   InstallTree tree;
   const std::string report = tree / ("tmp/kova_sysconf_" + tree.hostname() + ".dat");
   RunningAgent agent(tree, free_port(), {"-verbose", "-server", "127.0.0.10"});
@@ -83,6 +83,31 @@ TEST_F(Protocol, RepliesAreByteExactAndHostileInputNeverEndsTheAgent) {
     EXPECT_TRUE(sent.ends_with("<ENDVANTREL>\n<ENDCONFIG>\n")) << sent;
   }
   EXPECT_FALSE(file_exists(report));
+  // The memory file arrives byte for byte.
+  const std::string memory = tree / ("settings/kova_" + tree.hostname() + ".memory");
+  for (size_t size : {size_t{0}, size_t{522} * 3, size_t{100000}}) {
+    std::vector<unsigned char> bytes(size);
+    for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<unsigned char>(i * 7);
+    client::Connection c;
+    ASSERT_TRUE(client::Connection::open("127.0.0.1", port, c).ok());
+    ASSERT_TRUE(c.send(client::Request(2)).ok());
+    client::Status st = c.push_memory_file(bytes);
+    ASSERT_TRUE(st.ok()) << st.message;
+    EXPECT_TRUE(eventually([&] { return read_file(memory).size() == size; }));
+    EXPECT_EQ(read_file(memory), std::string(bytes.begin(), bytes.end()));
+  }
+  // A connection cut mid-file leaves what arrived and is logged.
+  const int fd = connect_loopback(port);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(::send(fd, request_packet(2).data(), 40, 0), 40);
+  char go_ahead[10];
+  ASSERT_EQ(::recv(fd, go_ahead, sizeof go_ahead, MSG_WAITALL), 10);
+  EXPECT_EQ(hex(std::string(go_ahead, 10)), "00090009000000000000");
+  const std::string partial = le16(6) + le16(5) + le16(0) + le16(0) + std::string(522 * 2, 'm');  // 5 blocks announced
+  ASSERT_EQ(::send(fd, partial.data(), partial.size(), 0), static_cast<ssize_t>(partial.size()));
+  ::close(fd);
+  EXPECT_TRUE(eventually([&] { return tree.log().find("E-MEMF") != std::string::npos; }));
+  EXPECT_EQ(read_file(memory), std::string(522 * 2, 'm'));
   EXPECT_EQ(hex(round_trip_on(connect_to("127.0.0.1", port, "127.0.0.2"), request_packet(14))), "05000a0000000000");
 
   const std::string log = tree.log();
@@ -138,38 +163,6 @@ TEST_F(Protocol, StatusRequestsLogTheComponentStatesOnceAPeriod) {
     EXPECT_EQ(occurrences(tree.log(), "KOVAAGENT-I_DC_STAT,"), expected);
     EXPECT_EQ(occurrences(tree.log(), "KOVAAGENT-I-RTA_STAT,"), expected) << tree.log();
   }
-}
-
-TEST_F(Protocol, TheMemoryFileArrivesByteForByte) {
-  InstallTree tree;
-  RunningAgent agent(tree, free_port());
-  ASSERT_TRUE(agent.started());
-  std::string memory = tree / ("settings/kova_" + tree.hostname() + ".memory");
-
-  for (size_t size : {size_t{0}, size_t{522} * 3, size_t{100000}}) {
-    std::vector<unsigned char> bytes(size);
-    for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<unsigned char>(i * 7);
-    client::Connection c;
-    ASSERT_TRUE(client::Connection::open("127.0.0.1", agent.port(), c).ok());
-    ASSERT_TRUE(c.send(client::Request(2)).ok());
-    client::Status st = c.push_memory_file(bytes);
-    ASSERT_TRUE(st.ok()) << st.message;
-    EXPECT_TRUE(eventually([&] { return read_file(memory).size() == size; }));
-    EXPECT_EQ(read_file(memory), std::string(bytes.begin(), bytes.end()));
-  }
-
-  // A connection cut mid-file leaves what arrived and is logged.
-  int fd = connect_loopback(agent.port());
-  ASSERT_GE(fd, 0);
-  ASSERT_EQ(::send(fd, request_packet(2).data(), 40, 0), 40);
-  char ack[10];
-  ASSERT_EQ(::recv(fd, ack, sizeof ack, MSG_WAITALL), 10);
-  EXPECT_EQ(hex(std::string(ack, 10)), "00090009000000000000");
-  const std::string partial = le16(6) + le16(5) + le16(0) + le16(0) + std::string(522 * 2, 'm');  // 5 blocks announced
-  ASSERT_EQ(::send(fd, partial.data(), partial.size(), 0), static_cast<ssize_t>(partial.size()));
-  ::close(fd);
-  EXPECT_TRUE(eventually([&] { return tree.log().find("E-MEMF") != std::string::npos; }));
-  EXPECT_EQ(read_file(memory), std::string(522 * 2, 'm'));
 }
 
 }  // namespace
