@@ -33,14 +33,14 @@ std::string collector_settings(const InstallTree& tree) {
 }
 
 // This host's collector through its own requests and the node requests, and a virtual host's through the node
-// requests: each judged by its own lock file.
-TEST_F(Components, CollectorsStartReportAndStopOnRequestAndKeepAHandWrittenRate) {
+// requests, each judged by its own lock file; then the real-time and search agents.
+TEST_F(Components, StartReportAndStopOnRequestAndKeepAHandWrittenCollectorRate) {
   InstallTree tree;
   install(tree, "vorn_monitor");
   install(tree, "vorn_monitor_esx");
   const std::string esx_config = tree / "settings/vorn_esx.config", esx_lock = tree / "tmp/esx1_monitor.lock";
   write_file(esx_config, "HOSTNAME~esx1\nHOST_IP~10.0.0.9\nUSERNAME~admin\nPASSWD~ ?o~+!\n");  // "s3cr~t"
-  RunningAgent agent(tree, free_port(), {}, {"KOVA_STANDIN_FDS=" + tree.root()});
+  RunningAgent agent(tree, free_port(), {}, {"SORLEX_LIBRARY=" + tree.root(), "KOVA_STANDIN_FDS=" + tree.root()});
   ASSERT_TRUE(agent.started()) << agent.launch().err;
   const int port = agent.port();
   const std::string host = tree.hostname(), ack(16, '0'), lock = tree / ("tmp/" + host + "_monitor.lock");
@@ -93,7 +93,24 @@ TEST_F(Components, CollectorsStartReportAndStopOnRequestAndKeepAHandWrittenRate)
   EXPECT_EQ(collector_settings(tree), "WRITE_RATE~45\n");
   EXPECT_EQ(node("DCSTOP_NODE", {host, "Solaris"}), ack + "0400000000000000");
 
+  // Not installed: every operation on the real-time and search agents answers 5.
+  for (int opcode : {9, 10, 18, 19, 20}) EXPECT_EQ(hex(round_trip(port, request_packet(opcode))), "08000500") << opcode;
+  install(tree, "kovarta");
+  install(tree, "sorlexagent");
+  std::string rta_args = le16(1) + std::string("\x40\x1f\0\0", 4) + std::string("\xe8\x03\0\0", 4);  // port 8000, 1000 ms
+  EXPECT_EQ(hex(round_trip(port, request_packet(9, rta_args))), "08000300");
+  EXPECT_EQ(hex(round_trip(port, request_packet(6))).substr(8, 8), hex(le16(0)) + "0300");
+  EXPECT_EQ(hex(round_trip(port, request_packet(10))), "08000400");
+  EXPECT_EQ(hex(round_trip(port, request_packet(18))), "08000300");
+  EXPECT_EQ(hex(round_trip(port, request_packet(20))), "08000300");
+  EXPECT_EQ(hex(round_trip(port, request_packet(19))), "08000400");
+  EXPECT_EQ(hex(round_trip(port, request_packet(20))), "08000400");
+  for (const char* program : {"kovarta", "sorlexagent"})
+    EXPECT_EQ(read_file(tree / (std::string(program) + ".fds")), "0 1 2") << program;
+
   const std::string log = tree.log();
+  EXPECT_NE(log.find("I-RTA_START,   Start KOVArta, Process: 1  Port: 8000   ScanRate: 1000\n"), std::string::npos);
+  EXPECT_NE(log.find("KOVAAGENT-I-SORLEX_STATUS,  SORLEX stopped\n"), std::string::npos);
   EXPECT_NE(log.find("I-DC_START,    Start DC request from 127.0.0.1:    dump interval 300  peak interval 0\n"),
             std::string::npos)
       << log;
@@ -103,34 +120,6 @@ TEST_F(Components, CollectorsStartReportAndStopOnRequestAndKeepAHandWrittenRate)
   EXPECT_EQ(occurrences(log, "KOVAAGENT-W-PACKET,      Failed to read hostname from packet\n"), 1u);
   EXPECT_NE(log.find("I-STARTDC,     Start DC_ESX  : command " + tree.root() + "/bin/vorn_monitor_esx\n\n"),
             std::string::npos);
-}
-
-TEST_F(Components, RealTimeAndSearchAgentsStartStopAndReport) {
-  InstallTree tree;
-  RunningAgent agent(tree, free_port(), {},
-                     {"SORLEX_LIBRARY=" + tree.root(), "KOVA_STANDIN_FDS=" + tree.root()});
-  ASSERT_TRUE(agent.started());
-  int port = agent.port();
-  // Not installed: every operation answers 5.
-  for (int opcode : {9, 10, 18, 19, 20}) EXPECT_EQ(hex(round_trip(port, request_packet(opcode))), "08000500") << opcode;
-
-  install(tree, "kovarta");
-  install(tree, "sorlexagent");
-  std::string rta_args = le16(1) + std::string("\x40\x1f\0\0", 4) + std::string("\xe8\x03\0\0", 4);  // port 8000, 1000 ms
-  EXPECT_EQ(hex(round_trip(port, request_packet(9, rta_args))), "08000300");
-  EXPECT_EQ(hex(round_trip(port, request_packet(6))).substr(8, 8), hex(le16(0)) + "0300");
-  EXPECT_EQ(hex(round_trip(port, request_packet(10))), "08000400");
-
-  EXPECT_EQ(hex(round_trip(port, request_packet(18))), "08000300");
-  EXPECT_EQ(hex(round_trip(port, request_packet(20))), "08000300");
-  EXPECT_EQ(hex(round_trip(port, request_packet(19))), "08000400");
-  EXPECT_EQ(hex(round_trip(port, request_packet(20))), "08000400");
-  for (const char* program : {"kovarta", "sorlexagent"})
-    EXPECT_EQ(read_file(tree / (std::string(program) + ".fds")), "0 1 2") << program;
-  std::string log = tree.log();
-  EXPECT_NE(log.find("I-RTA_START,   Start KOVArta, Process: 1  Port: 8000   ScanRate: 1000\n"), std::string::npos)
-      << log;
-  EXPECT_NE(log.find("KOVAAGENT-I-SORLEX_STATUS,  SORLEX stopped\n"), std::string::npos);
 }
 
 }  // namespace

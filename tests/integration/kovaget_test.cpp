@@ -110,8 +110,6 @@ TEST_F(Kovaget, EveryCommandsJsonParsesAndItsExitStatusSaysHowItWent) {
       {{"-p", std::to_string(free_port()), "version"}, 1, {{"error", "connection_refused"}}},
       {{"dcstop"}, 4, {{"state", "unknown"}, {"error", "unknown_status"}}, std::string("\x08\x00\x63\x00", 4)},
       {{"status"}, 4, {{"collector_status", 7}}, std::string("\x0b\x00\x07\x00\x3c\x00\x04\x00\x00\x00", 10)},
-      {{"version"}, 3, {{"agent_code", 10}}, std::string("\x05\x00\x0a\x00\x00\x00\x00\x00", 8)},
-      {{"version"}, 1, {{"error", "short_reply"}}, ""},
   };
   // The agent's fixed pauses (10 s before data, 2 s in extended requests)
   // run side by side.
