@@ -59,7 +59,6 @@ TEST_F(Accounts, OnlyRootOrTheServiceAccountMayStartOrStopItAndItKeepsOnlyItsCap
                                 {}, std::chrono::seconds(20), static_cast<int>(nobody->pw_uid));
   EXPECT_EQ(refused.status, 0);
   EXPECT_EQ(refused.err, "kovaagent can be started or stopped only by an authorized account.\n");
-  EXPECT_NE(refused.out.find("Build: V10.0-001 (Feb 23 2012)\n"), std::string::npos);
 
   // Started by root, it runs as the service account.
   RunningAgent agent(tree_, free_port(), {"-user", kServiceAccount});
