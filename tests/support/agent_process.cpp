@@ -118,7 +118,7 @@ int connect_to(const std::string& host, int port, const std::string& source) {
 
 RunningAgent::RunningAgent(const InstallTree& tree, int port, std::vector<std::string> extra,
                            std::vector<std::string> env)
-    : io_(std::make_unique<TempDir>()), port_(port) {
+    : port_(port) {
   if (!pid_namespace_problem().empty()) {
     ADD_FAILURE() << kNoNamespace;
     return;
@@ -132,7 +132,7 @@ RunningAgent::RunningAgent(const InstallTree& tree, int port, std::vector<std::s
     if (args[i - 1] == "-listen" && args[i] != "::" && args[i] != "0.0.0.0") probe = args[i];
   }
   // Files, not pipes: a daemon keeps its standard descriptors open.
-  const pid_t launcher = spawn(Spawn{std::move(args), std::move(env), *io_ / "out", *io_ / "err"});
+  const pid_t launcher = spawn(Spawn{std::move(args), std::move(env), io_ / "out", io_ / "err"});
   if (launcher < 0) return;
   if (foreground) {
     pid_ = launcher;
@@ -149,8 +149,8 @@ RunningAgent::RunningAgent(const InstallTree& tree, int port, std::vector<std::s
     return (fd >= 0 && ::close(fd) == 0) || !alive();
   };
   if (pid_ > 0 && !eventually(accepting, std::chrono::seconds(10))) pid_ = -1;
-  launch_.out = read_file(*io_ / "out");
-  launch_.err = read_file(*io_ / "err");
+  launch_.out = read_file(io_ / "out");
+  launch_.err = read_file(io_ / "err");
 }
 
 RunningAgent::~RunningAgent() {

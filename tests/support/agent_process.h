@@ -6,7 +6,6 @@
 #include <sys/types.h>
 
 #include <chrono>
-#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -86,7 +85,7 @@ class RunningAgent {
   int port() const { return port_; }
   const RunResult& launch() const { return launch_; }
   // Its standard output so far (the launcher's and the agent's alike).
-  std::string out() const { return read_file(*io_ / "out"); }
+  std::string out() const { return read_file(io_ / "out"); }
   // Sends `signal` (0: none) and waits for the agent to end; its exit
   // status, or -1.
   int stop(int signal);
@@ -96,7 +95,7 @@ class RunningAgent {
   bool alive();
 
  private:
-  std::unique_ptr<TempDir> io_;
+  TempDir io_;  // its standard output and error
   pid_t pid_ = -1;
   bool ended_ = false;
   int port_;
@@ -126,6 +125,7 @@ inline std::string padded(const std::string& text, size_t width) {
   return text + std::string(width - text.size(), '\0');
 }
 
+// The bytes as lower-case hex digits, two each.
 inline std::string hex(const std::string& bytes) {
   static constexpr char kDigits[] = "0123456789abcdef";
   std::string out;
