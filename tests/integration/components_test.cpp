@@ -74,8 +74,13 @@ TEST_F(Components, StartReportAndStopOnRequestAndKeepAHandWrittenCollectorRate) 
   EXPECT_TRUE(stopped == ack + "0300000000000000" || stopped == ack + "0400000000000000") << stopped;
   EXPECT_TRUE(eventually([&] { return !file_exists(esx_lock); }));
   EXPECT_EQ(node("DCSTAT_NODE", {"esx1", "VMware ESX", "esx1"}).substr(16, 8), "0b000400");
-  // A host name that would reach beyond the settings and lock directories ends the request after its acknowledgement.
+  // A host name filling its field or holding a "/", or a field missing after it, ends the request after its
+  // acknowledgement.
+  const std::string filled = extended_packet("DCSTAT_NODE", std::string(64, 'e') + node_fields({"VMware ESX", "dns"}));
+  EXPECT_EQ(hex(round_trip(port, filled)), ack);
   EXPECT_EQ(node("DCSTART_NODE", {"../../escape", "VMware ESX", "10.0.0.9", "600", "0"}), ack);
+  EXPECT_EQ(node("DCSTART_NODE", {"esx1", "VMware ESX"}), ack);
+  EXPECT_FALSE(file_exists(esx_lock));
   EXPECT_NE(read_file(esx_config).find("WRITE_RATE~300\n"), std::string::npos);
   EXPECT_FALSE(file_exists(std::filesystem::path(tree.root()).parent_path().string() + "/escape_monitor.lock"));
 
@@ -117,7 +122,8 @@ TEST_F(Components, StartReportAndStopOnRequestAndKeepAHandWrittenCollectorRate) 
   EXPECT_NE(log.find("I-DC_START,    Data Collector started\n"), std::string::npos);
   EXPECT_NE(log.find("I-DC_STOP,     Data Collector stopped\n"), std::string::npos);
   EXPECT_NE(log.find("I-SETERR"), std::string::npos);
-  EXPECT_EQ(occurrences(log, "KOVAAGENT-W-PACKET,      Failed to read hostname from packet\n"), 1u);
+  EXPECT_EQ(occurrences(log, "KOVAAGENT-W-PACKET,      Failed to read hostname from packet\n"), 2u);
+  EXPECT_EQ(occurrences(log, "KOVAAGENT-W-PACKET,      Failed to read host_ip from packet\n"), 1u);
   EXPECT_NE(log.find("I-STARTDC,     Start DC_ESX  : command " + tree.root() + "/bin/vorn_monitor_esx\n\n"),
             std::string::npos);
 }

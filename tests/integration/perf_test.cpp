@@ -59,6 +59,7 @@ TEST_F(PerfRequest, TodaysRangeComesBackWholeToEachRequestTheWorkFileGoesAndOldD
   // The same range twice at once: both share one work file name.
   auto todays = perf(local_text("%d-%b-%Y", now));
   auto todays_again = perf(local_text("%d-%b-%Y", now));
+  auto without_data = perf("01-Jan-2001");
 
   const int blocks = static_cast<int>(in_range.size() / 522);
   const std::string whole = le16(6) + le16(blocks & 0xffff) + le16(blocks >> 16) +
@@ -67,10 +68,14 @@ TEST_F(PerfRequest, TodaysRangeComesBackWholeToEachRequestTheWorkFileGoesAndOldD
     const std::string got = reply->get();
     EXPECT_TRUE(got == whole) << got.size() << " bytes, " << hex(got.substr(0, 8)) << tree.log();
   }
+  EXPECT_EQ(hex(without_data.get()), "05000c0000000000");  // ERR 12
   const std::string log = tree.log();
   EXPECT_NE(log.find("I-REQ_PERF,    PERF request from 127.0.0.1\n"), std::string::npos) << log;
   EXPECT_NE(log.find(".perf) transfered. (" + std::to_string(in_range.size())), std::string::npos) << log;
-  EXPECT_EQ(occurrences(log, "I-PERF_COMMAND"), 2u) << log;
+  EXPECT_NE(log.find("Data file not found: " + tree / ("data/qdtsx_" + host + "_2001Jan01.zud-1\n")),
+            std::string::npos) << log;
+  EXPECT_NE(log.find("E-PERF,        Problem sending .PERF :  zud data file not found.\n"), std::string::npos) << log;
+  EXPECT_EQ(occurrences(log, "I-PERF_COMMAND"), 2u) << log;  // not for the day without data
   EXPECT_EQ(read_file(tree / "kovaperf.fds"), "0 1 2");  // nothing of the agent's, nor what it inherited
   for (const auto& entry : std::filesystem::directory_iterator(tree / "tmp"))
     EXPECT_NE(entry.path().extension(), ".perf") << entry.path();

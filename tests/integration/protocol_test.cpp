@@ -43,8 +43,9 @@ TEST_F(Protocol, RepliesAndTheMemoryFileAreByteExactAndHostileInputNeverEndsTheA
       {extended_packet("NO_SUCH_TAG", "payload"), "0800000000000000"},
       {"", ""},                                              // connects and says nothing more
       {request_packet(14).substr(0, 20), "0a00060000000000"},  // a short request: the rest reads as zeros
-      // The framing's rules are the wire's unit test's; here, that what it refuses gets no reply.
       {tag + le16(65535), os},                               // reads as -1: no payload
+      {tag + le16(0), os},
+      {tag + le16(2048) + std::string(2048, 'p'), os},
       {tag + le16(2049) + std::string(2049, 'p'), ""},       // larger than any payload
       {tag.substr(0, 40) + "x", ""},                         // length field cut
       {extended_packet(kForged, ""), "0800000000000000"},      // a tag that would write a line of its own
@@ -117,7 +118,7 @@ TEST_F(Protocol, RepliesAndTheMemoryFileAreByteExactAndHostileInputNeverEndsTheA
   EXPECT_NE(log.find("I-BADPACKET"), std::string::npos);
   EXPECT_NE(log.find("W-BADPACKET,   Failed to read extended packet length"), std::string::npos);
   // Every extended request is logged before its length is read, bad packets too.
-  EXPECT_EQ(occurrences(log, "I-REQ_EXTEND,  Extended Request GET_AGENT_OS  from"), 3u);
+  EXPECT_EQ(occurrences(log, "I-REQ_EXTEND,  Extended Request GET_AGENT_OS  from"), 5u);
   // The forged tag stays inside the lines that name it.
   EXPECT_NE(log.find("Extended Request X\\nKOVAAGENT-E-FORGED,  \\xff  from 127.0.0.1\n"), std::string::npos);
   EXPECT_NE(log.find("Unknown extended request X\\nKOVAAGENT-E-FORGED,  \\xff  from"), std::string::npos);
