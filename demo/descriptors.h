@@ -28,7 +28,10 @@ inline void record_descriptors(const char* program) {
   }
   std::sort(open.begin(), open.end());
   std::string text;
-  for (int fd : open) text += (text.empty() ? "" : " ") + std::to_string(fd);
+  for (int fd : open) {
+    if (!text.empty()) text += ' ';
+    text += std::to_string(fd);
+  }
   std::ofstream(std::string(dir) + "/" + program + ".fds") << text;
 }
 

@@ -87,8 +87,7 @@ class UniqueFile {
   std::FILE* get() const { return file_; }
   explicit operator bool() const { return file_ != nullptr; }
   void reset() {
-    if (file_ != nullptr) std::fclose(file_);
-    file_ = nullptr;
+    if (std::FILE* f = std::exchange(file_, nullptr)) std::fclose(f);
   }
   // Closes now; returns fclose(3)'s result, so a failed final flush is seen.
   int close() {

@@ -99,7 +99,12 @@ bool is_number(std::string_view text) {
   return true;
 }
 
-std::string quoted(std::string_view text) { return "\"" + std::string(text) + "\""; }
+std::string quoted(std::string_view text) {
+  std::string out(1, '"');
+  out.append(text);
+  out.push_back('"');
+  return out;
+}
 
 class Checker {
  public:
