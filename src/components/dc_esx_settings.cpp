@@ -30,37 +30,16 @@ void take_password(E& record, std::string_view rest) {
 
 // Keys in the order they are tried. The collector's own keys are shared
 // with its settings file; this file has no USER~ or FILESYS_EXCLUDE~.
-constexpr KeyField<E> kEsxKeys[] = {
-    dc_key::kLogDir,
-    dc_key::kInstallDir,
-    dc_key::kDataDir,
+constexpr auto kEsxKeys = key_table<E>(
+    dc_key::kLogDir, dc_key::kInstallDir, dc_key::kDataDir,
     text_key("HOSTNAME~", &E::esx_hostname),
     text_key("USERNAME~", &E::username, &E::username_given),
-    {"PASSWD~", KeyValue::kNone, nullptr, nullptr, &E::passwd_given, false, take_password},
+    KeyField<E>{"PASSWD~", KeyValue::kNone, nullptr, nullptr, &E::passwd_given, false, take_password},
     text_key("CLASSPATH~", &E::classpath, &E::classpath_given),
     text_key("JAVAHOME~", &E::javahome, &E::javahome_given),
     text_key("HOST_IP~", &E::host_ip),
-    dc_key::kRetain,
-    dc_key::kVerbose,
-    dc_key::kScanRate,
-    dc_key::kWriteRate,
-    dc_key::kPeakRate,
-    dc_key::kCollectCpu,
-    dc_key::kCollectDisk,
-    dc_key::kCollectFilesys,
-    dc_key::kCollectProcessor,
-    dc_key::kCollectProcess,
-    dc_key::kCollectMemory,
-    dc_key::kCollectNet,
-    dc_key::kCollectNic,
-    dc_key::kCollectHba,
-    dc_key::kCollectLpar,
-    dc_key::kAugmentNetwork,
-    dc_key::kAugmentProcess,
-    dc_key::kPriority,
-    dc_key::kAppendDataFiles,
-    dc_key::kMapDisknames,
-};
+    dc_key::kRetain, dc_key::kVerbose, dc_key::kRates, dc_key::kGroups,
+    dc_key::kPriority, dc_key::kAppendDataFiles, dc_key::kMapDisknames);
 
 }  // namespace
 

@@ -57,6 +57,12 @@ inline constexpr KeyField<F> kPriority = int_key("PRIORITY~", &F::priority);
 inline constexpr KeyField<F> kAppendDataFiles = int_key("APPEND_DATA_FILES~", &F::append_data_files);
 inline constexpr KeyField<F> kMapDisknames = int_key("MAP_DISKNAMES~", &F::map_disknames);
 inline constexpr KeyField<F> kFilesysExclude = raw_text_key("FILESYS_EXCLUDE~", &F::filesys_exclude);
+
+// The rates and the metric groups, as every collector file lists them.
+inline constexpr KeyRun<F, 3> kRates = {kScanRate, kWriteRate, kPeakRate};
+inline constexpr KeyRun<F, 12> kGroups = {kCollectCpu,     kCollectDisk,  kCollectFilesys, kCollectProcessor,
+                                          kCollectProcess, kCollectMemory, kCollectNet,    kCollectNic,
+                                          kCollectHba,     kCollectLpar,   kAugmentNetwork, kAugmentProcess};
 }  // namespace dc_key
 
 }  // namespace kova

@@ -19,7 +19,7 @@ namespace {
 using L = DcLockfile;
 
 // Keys in the order they are tried; the "@" summary line and USER~ hold none.
-constexpr KeyField<L> kLockKeys[] = {
+constexpr auto kLockKeys = key_table<L>(
     int_key("PID~", &L::pid),
     text_key("VERSION~", &L::version),
     text_key("START~", &L::start_time),
@@ -27,30 +27,10 @@ constexpr KeyField<L> kLockKeys[] = {
     text_key("DATA_DIR~", &L::data_dir),
     text_key("LOG_DIR~", &L::log_dir),
     text_key("TEMP_DIR~", &L::temp_dir),
-    dc_key::kRetain,
-    dc_key::kVerbose,
-    dc_key::kScanRate,
-    dc_key::kWriteRate,
-    dc_key::kPeakRate,
-    dc_key::kCollectCpu,
-    dc_key::kCollectDisk,
-    dc_key::kCollectFilesys,
-    dc_key::kCollectProcessor,
-    dc_key::kCollectProcess,
-    dc_key::kCollectMemory,
-    dc_key::kCollectNet,
-    dc_key::kCollectNic,
-    dc_key::kCollectHba,
-    dc_key::kCollectLpar,
-    dc_key::kAugmentNetwork,
-    dc_key::kAugmentProcess,
-    dc_key::kMapDisknames,
-    dc_key::kFilesysExclude,
-    dc_key::kPriority,
-    dc_key::kAppendDataFiles,
+    dc_key::kRetain, dc_key::kVerbose, dc_key::kRates, dc_key::kGroups,
+    dc_key::kMapDisknames, dc_key::kFilesysExclude, dc_key::kPriority, dc_key::kAppendDataFiles,
     int_key("IMAGE_BITS~", &L::image_bits),
-    text_key("CURRENT_DATA_FILE~", &L::current_data_file),
-};
+    text_key("CURRENT_DATA_FILE~", &L::current_data_file));
 
 // The first line of `file`, its line feed included; empty at end of file.
 std::string first_line(std::FILE* file) {

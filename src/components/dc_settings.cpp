@@ -41,33 +41,11 @@ std::string host_name() {
 using D = DcSettings;
 
 // Keys in the order they are tried; MAX_CPU~ is written but not read back.
-constexpr KeyField<D> kSettingsKeys[] = {
-    dc_key::kLogDir,
-    dc_key::kInstallDir,
-    dc_key::kDataDir,
-    dc_key::kRetain,
+constexpr auto kSettingsKeys = key_table<D>(
+    dc_key::kLogDir, dc_key::kInstallDir, dc_key::kDataDir, dc_key::kRetain,
     trimmed_key("USER~", &D::user),
-    dc_key::kVerbose,
-    dc_key::kScanRate,
-    dc_key::kWriteRate,
-    dc_key::kPeakRate,
-    dc_key::kCollectCpu,
-    dc_key::kCollectDisk,
-    dc_key::kCollectFilesys,
-    dc_key::kCollectProcessor,
-    dc_key::kCollectProcess,
-    dc_key::kCollectMemory,
-    dc_key::kCollectNet,
-    dc_key::kCollectNic,
-    dc_key::kCollectHba,
-    dc_key::kCollectLpar,
-    dc_key::kAugmentNetwork,
-    dc_key::kAugmentProcess,
-    dc_key::kPriority,
-    dc_key::kAppendDataFiles,
-    dc_key::kMapDisknames,
-    dc_key::kFilesysExclude,
-};
+    dc_key::kVerbose, dc_key::kRates, dc_key::kGroups,
+    dc_key::kPriority, dc_key::kAppendDataFiles, dc_key::kMapDisknames, dc_key::kFilesysExclude);
 
 }  // namespace
 

@@ -139,12 +139,10 @@ WorkFileLock::WorkFileLock(const std::string& path) {
   fd_ = std::move(fd);
 }
 
-namespace {
-
 // `path` made absolute against the working directory and freed, by its
 // text alone, of "." and empty components and of each ".." with the
 // component before it (never above "/"); "" when it cannot be.
-std::string absolute_normal(const std::string& path) {
+std::string normal_path(const std::string& path) {
   if (path.empty()) return {};
   std::string full = path;
   if (path[0] != '/') {
@@ -169,10 +167,9 @@ std::string absolute_normal(const std::string& path) {
   return out.empty() ? "/" : out;
 }
 
-}  // namespace
 
 bool path_inside(const std::string& path, const std::string& root) {
-  const std::string p = absolute_normal(path), r = absolute_normal(root);
+  const std::string p = normal_path(path), r = normal_path(root);
   if (p.empty() || r.empty()) return false;
   // Whole components, so that /opt/kova2 never counts as inside /opt/kova.
   return r == "/" || (p.compare(0, r.size(), r) == 0 && (p.size() == r.size() || p[r.size()] == '/'));
@@ -191,8 +188,8 @@ std::string resolved_path(const std::string& path) {
   for (size_t end = full.size();;) {
     char real[PATH_MAX];
     const std::string head = end == 0 ? "/" : full.substr(0, end);
-    if (::realpath(head.c_str(), real) != nullptr) return absolute_normal(real + full.substr(end));
-    if (end == 0) return absolute_normal(full);
+    if (::realpath(head.c_str(), real) != nullptr) return normal_path(real + full.substr(end));
+    if (end == 0) return normal_path(full);
     const size_t slash = full.rfind('/', end - 1);
     end = slash == std::string::npos ? 0 : slash;
   }

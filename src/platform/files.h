@@ -49,6 +49,11 @@ void make_directories(const std::string& path, mode_t mode);
 // True when `path` is `root` or lies below it. Both are made absolute and
 // freed of ".", ".." and repeated "/" first; links are not followed (pass
 // resolved_path() results to compare what they point at).
+// `path` made absolute against the working directory and freed, by its
+// text alone, of "." and empty components and of each ".." with the
+// component before it (never above "/"); "" when it cannot be.
+std::string normal_path(const std::string& path);
+
 [[nodiscard]] bool path_inside(const std::string& path, const std::string& root);
 
 // `path` with every link resolved, as far as it exists; the part that does

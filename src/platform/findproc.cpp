@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "base/log.h"
+#include "platform/files.h"
 #include "platform/privileges.h"
 #include "platform/proc_table.h"
 #include "platform/unique.h"
@@ -28,34 +29,15 @@ UniqueFd open_read_only(const std::string& path, int flags = 0) {
   return UniqueFd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | flags));
 }
 
-// `path` with "." , ".." and repeated "/" resolved by the text alone.
-std::string lexically_normal(const std::string& path) {
-  std::vector<std::string> parts;
-  for (size_t at = 0; at <= path.size();) {
-    size_t end = path.find('/', at);
-    if (end == std::string::npos) end = path.size();
-    const std::string part = path.substr(at, end - at);
-    if (part == "..") {
-      if (!parts.empty()) parts.pop_back();
-    } else if (!part.empty() && part != ".") {
-      parts.push_back(part);
-    }
-    at = end + 1;
-  }
-  std::string out;
-  for (const std::string& part : parts) out += "/" + part;
-  return out.empty() ? "/" : out;
-}
-
 std::string real_path(const std::string& path) {
   char resolved[PATH_MAX];
-  return ::realpath(path.c_str(), resolved) != nullptr ? std::string(resolved) : lexically_normal(path);
+  return ::realpath(path.c_str(), resolved) != nullptr ? std::string(resolved) : normal_path(path);
 }
 
 // A program's path with its directories resolved but not its own name: a
 // link in the tree's bin that points elsewhere still names the tree.
 std::string real_program_path(const std::string& path) {
-  const std::string normal = lexically_normal(path);
+  const std::string normal = normal_path(path);
   const size_t slash = normal.rfind('/');
   if (slash == 0 || slash == std::string::npos) return normal;
   return real_path(normal.substr(0, slash)) + normal.substr(slash);
@@ -63,17 +45,12 @@ std::string real_program_path(const std::string& path) {
 
 }  // namespace
 
-bool path_under(const std::string& path, const std::string& root) {
-  const std::string p = lexically_normal(path), r = lexically_normal(root);
-  return r == "/" || p == r || (p.size() > r.size() && p.compare(0, r.size(), r) == 0 && p[r.size()] == '/');
-}
-
 bool belongs_to_install(const std::string& proc_dir, const std::string& short_name, const std::string& install_root) {
   const std::string root = real_path(install_root);
   const std::string cwd = read_proc_link(proc_dir, "cwd");
-  if (!cwd.empty() && path_under(cwd, root)) return true;
+  if (!cwd.empty() && path_inside(cwd, root)) return true;
   const std::string exe = read_proc_link(proc_dir, "exe");
-  if (!exe.empty() && path_under(exe, root)) return true;
+  if (!exe.empty() && path_inside(exe, root)) return true;
 
   const std::vector<std::string> args = read_proc_cmdline(proc_dir);
   if (args.empty()) return false;
@@ -81,7 +58,7 @@ bool belongs_to_install(const std::string& proc_dir, const std::string& short_na
   const auto under_root = [&](const std::string& arg, bool program) {
     if (arg.empty() || (program && arg.find('/') == std::string::npos)) return false;
     const std::string path = arg[0] == '/' || cwd.empty() ? arg : cwd + "/" + arg;
-    return path[0] == '/' && path_under(program ? real_program_path(path) : real_path(path), root);
+    return path[0] == '/' && path_inside(program ? real_program_path(path) : real_path(path), root);
   };
   // The program is the argument that bears the short name: the first one,
   // or, for a script, the script after its interpreter.

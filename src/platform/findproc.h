@@ -29,11 +29,6 @@ int findproc_nopid(const std::string& name, const std::string& install_root, int
 // taken from its working directory.
 bool belongs_to_install(const std::string& proc_dir, const std::string& short_name, const std::string& install_root);
 
-// True when `path` is `root` or lies below it, compared component by
-// component once "." and ".." are resolved by the text alone: "/a/bc" does
-// not lie under "/a/b". Both are absolute.
-bool path_under(const std::string& path, const std::string& root);
-
 // Writes a lookup message to the agent log with the tag "I-FINDPROC".
 void findprocWriteLog(const std::string& message);
 

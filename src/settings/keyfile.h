@@ -8,6 +8,8 @@
 #include <sys/types.h>
 
 #include <algorithm>
+#include <array>
+#include <cstddef>
 #include <span>
 #include <string>
 #include <string_view>
@@ -49,7 +51,8 @@ struct KeyField {
       : key(k), value(v), number(n), text(t), given(g), at_line_start(start), hook(h) {}
 
   // A row declared once for the fields that several records share through
-  // a common base serves each of them.
+  // a common base serves each of them. Such a row carries no hook: a hook
+  // is written for one record type.
   template <class Base>
     requires(std::is_base_of_v<Base, R> && !std::is_same_v<Base, R>)
   constexpr KeyField(const KeyField<Base>& shared)
@@ -77,6 +80,31 @@ constexpr KeyField<R> trimmed_key(std::string_view key, std::string R::*field) {
 template <class R>
 constexpr KeyField<R> hook_key(std::string_view key, void (*hook)(R&, std::string_view), bool at_line_start = false) {
   return {key, KeyValue::kNone, nullptr, nullptr, nullptr, at_line_start, hook};
+}
+
+// A run of rows that several tables list in the same order.
+template <class R, size_t N>
+using KeyRun = std::array<KeyField<R>, N>;
+
+template <class T>
+struct key_row_count : std::integral_constant<size_t, 1> {};
+template <class R, size_t N>
+struct key_row_count<KeyRun<R, N>> : std::integral_constant<size_t, N> {};
+
+// A table for records of type R made of rows and runs of rows, in order;
+// rows declared for a base of R serve R.
+template <class R, class... Parts>
+constexpr auto key_table(const Parts&... parts) {
+  std::array<KeyField<R>, (key_row_count<Parts>::value + ...)> table{};
+  size_t next = 0;
+  auto add = [&](const auto& part) {
+    if constexpr (requires { part.size(); })
+      for (const auto& row : part) table[next++] = KeyField<R>(row);
+    else
+      table[next++] = KeyField<R>(part);
+  };
+  (add(parts), ...);
+  return table;
 }
 
 // Reads the whole file at `path` into `lines`, each line with its line feed

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "base/log.h"
+#include "platform/files.h"
 #include "support/temp_dir.h"
 
 namespace kova::test {
@@ -121,7 +122,7 @@ TEST(FindProcessByName, FindsOnlyProcessesOfTheInstallTreeAskedAbout) {
   const std::tuple<const char*, const char*, bool> paths[] = {
       {"/opt/vb", "/opt/v", false}, {"/opt/v/../w", "/opt/v", false}, {"/opt//v/./tmp", "/opt/v/", true},
       {"/anything", "/", true},     {"/opt", "/opt/v", false}};
-  for (auto [path, root, under] : paths) EXPECT_EQ(path_under(path, root), under) << path << " " << root;
+  for (auto [path, root, under] : paths) EXPECT_EQ(path_inside(path, root), under) << path << " " << root;
 }
 
 }  // namespace
