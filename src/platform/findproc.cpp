@@ -29,6 +29,34 @@ UniqueFd open_read_only(const std::string& path, int flags = 0) {
   return UniqueFd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | flags));
 }
 
+// Reads the record of every process in /proc and hands it to `visit`
+// (directory, read_proc_info's result or 0 when the record could not be
+// opened, the record) until `visit` returns true. A record that opens but
+// cannot be read goes to `read_failed` (its path, errno) first. A process
+// that is gone by the time it is looked at is skipped. False, with errno
+// set, when /proc cannot be opened.
+template <class Visit, class ReadFailed>
+bool scan_processes(Visit visit, ReadFailed read_failed) {
+  UniqueDir proc(::opendir("/proc"));
+  if (!proc) return false;
+  while (dirent* entry = ::readdir(proc.get())) {
+    if (!is_process_entry(entry->d_name)) continue;
+    const std::string dir = string_printf("/proc/%s", entry->d_name);
+    // Proves only that the process is still there.
+    UniqueFd dir_fd = open_read_only(dir, O_DIRECTORY);
+    if (!dir_fd) continue;
+    const std::string path = proc_info_path(dir);
+    ProcInfo info;
+    int got = 0;
+    if (UniqueFd fd = open_read_only(path)) {
+      got = read_proc_info(fd.get(), dir, info);
+      if (got < 0) read_failed(path, errno);
+    }
+    if (visit(dir, got, info)) break;
+  }
+  return true;
+}
+
 std::string real_path(const std::string& path) {
   char resolved[PATH_MAX];
   return ::realpath(path.c_str(), resolved) != nullptr ? std::string(resolved) : normal_path(path);
@@ -105,39 +133,25 @@ int findproc(const std::string& name, int pid, int log) {
 
   // The scan can find only the pid the probe looked at; it answers when the
   // probe could not be read.
-  UniqueDir proc(::opendir("/proc"));
-  if (!proc) {
+  bool found = false;
+  const bool scanned = scan_processes(
+      [&](const std::string&, int got, const ProcInfo& info) {
+        if (!matches_pid(got, info, zone, name, pid)) return false;
+        found = true;
+        if (log == 1)
+          findprocWriteLog(
+              string_printf("findproc : match %s:%d  to  %s:%d\n", name.c_str(), pid, info.fname.c_str(), info.pid));
+        return true;
+      },
+      [&](const std::string& path, int err) {
+        if (log == 1)
+          findprocWriteLog(string_printf("findproc: failed to read  %s : %s, %d\n", path.c_str(), std::strerror(err), err));
+      });
+  if (!scanned) {
     findprocWriteLog(string_printf("findproc: Unable to open /proc : %s\n", std::strerror(errno)));
     priv_off();
     return -1;
   }
-  bool found = false;
-  while (!found) {
-    dirent* entry = ::readdir(proc.get());
-    if (entry == nullptr) break;
-    if (!is_process_entry(entry->d_name)) continue;
-    const std::string dir = string_printf("/proc/%s", entry->d_name);
-    // Proves only that the process is still there; one that is gone is
-    // skipped.
-    UniqueFd dir_fd = open_read_only(dir, O_DIRECTORY);
-    if (!dir_fd) continue;
-    const std::string path = proc_info_path(dir);
-    ProcInfo info;
-    int got = 0;
-    if (UniqueFd fd = open_read_only(path)) {
-      got = read_proc_info(fd.get(), dir, info);
-      if (got < 0 && log == 1) {
-        int err = errno;
-        findprocWriteLog(string_printf("findproc: failed to read  %s : %s, %d\n", path.c_str(), std::strerror(err), err));
-      }
-    }
-    if (matches_pid(got, info, zone, name, pid)) {
-      found = true;
-      if (log == 1)
-        findprocWriteLog(string_printf("findproc : match %s:%d  to  %s:%d\n", name.c_str(), pid, info.fname.c_str(), info.pid));
-    }
-  }
-  proc.reset();
   priv_off();
   if (!found && privileges_failed) return -1;
   return found ? 1 : 0;
@@ -148,36 +162,25 @@ int find_process_by_name(const std::string& name, const std::string& install_roo
   // Without raised privileges the scan sees less; it still answers.
   (void)priv_on();
 
-  UniqueDir proc(::opendir("/proc"));
-  if (!proc) {
-    if (log != 0) findprocWriteLog(string_printf("ERROR: findproc: Unable to open /proc : %s\n", std::strerror(errno)));
-    priv_off();
-    return -1;
-  }
-  while (dirent* entry = ::readdir(proc.get())) {
-    if (!is_process_entry(entry->d_name)) continue;
-    const std::string dir = string_printf("/proc/%s", entry->d_name);
-    UniqueFd dir_fd = open_read_only(dir, O_DIRECTORY);
-    if (!dir_fd) continue;
-    const std::string path = proc_info_path(dir);
-    ProcInfo info;
-    int got = 0;
-    if (UniqueFd fd = open_read_only(path)) {
-      got = read_proc_info(fd.get(), dir, info);
-      if (got < 0 && log != 0)
-        findprocWriteLog(string_printf("findproc :  unable to read from %s, %s\n", path.c_str(), std::strerror(errno)));
-    }
-    // An exact comparison with a name of at most 15 characters: a longer
-    // name is never found.
-    if (got > 0 && in_zone(info, zone) && info.fname == name && info.pid != skip_pid &&
-        (install_root.empty() || belongs_to_install(dir, info.fname, install_root))) {
-      if (log != 0) findprocWriteLog(string_printf("findproc : found  %s:%d\n", info.fname.c_str(), info.pid));
-      priv_off();
-      return info.pid;
-    }
-  }
+  int found = -1;
+  const bool scanned = scan_processes(
+      [&](const std::string& dir, int got, const ProcInfo& info) {
+        // An exact comparison with a name of at most 15 characters: a
+        // longer name is never found.
+        if (got <= 0 || !in_zone(info, zone) || info.fname != name || info.pid == skip_pid) return false;
+        if (!install_root.empty() && !belongs_to_install(dir, info.fname, install_root)) return false;
+        if (log != 0) findprocWriteLog(string_printf("findproc : found  %s:%d\n", info.fname.c_str(), info.pid));
+        found = info.pid;
+        return true;
+      },
+      [&](const std::string& path, int err) {
+        if (log != 0)
+          findprocWriteLog(string_printf("findproc :  unable to read from %s, %s\n", path.c_str(), std::strerror(err)));
+      });
+  if (!scanned && log != 0)
+    findprocWriteLog(string_printf("ERROR: findproc: Unable to open /proc : %s\n", std::strerror(errno)));
   priv_off();
-  return -1;
+  return found;
 }
 
 // No process has the id -1, so none is skipped.
