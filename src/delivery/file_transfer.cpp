@@ -290,7 +290,14 @@ int compress_file(const std::string& command_template, const std::string& file_n
   // The operator's command line is the interface here, so a shell runs it;
   // the one value from outside, the file name, is quoted above.
   std::string output;
-  return run_program({"/bin/sh", "-c", command}, output);
+  const ProgramRun run = run_program({"/bin/sh", "-c", command}, output);
+  if (run == ProgramRun::kKilled) {
+    // A half-written archive is no archive: the caller finds none.
+    log_printf("E-COMPRESS_TIMEOUT", "%s ran longer than %d seconds and was stopped", shown.c_str(),
+               program_deadline_seconds());
+    ::unlink(out_name.c_str());
+  }
+  return run == ProgramRun::kNotStarted ? 0 : 1;
 }
 
 int64_t GetFileSizeByName(const std::string& path) {

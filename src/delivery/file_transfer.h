@@ -63,6 +63,8 @@ inline constexpr int64_t kReceiveMaxBytes = int64_t{64} << 20;
 // out_name receives file_name plus that extension, and a file of that name
 // is deleted first. `extension`, when given, receives the extension.
 // Returns 1 when the command ran (its exit status is not examined), else 0.
+// A command still running at the program deadline is killed with its
+// process group and its output file deleted ("E-COMPRESS_TIMEOUT").
 [[nodiscard]] int compress_file(const std::string& command_template, const std::string& file_name,
                                 std::string& out_name, std::string* extension = nullptr);
 
