@@ -72,6 +72,25 @@ class SigpipeHeld {
   sigset_t pipe_, saved_;
 };
 
+// Makes a descriptor non-blocking for its lifetime: sendfile(2) has no
+// per-call flag, and a blocking one waits in the kernel, without a bound,
+// for a peer that stopped reading.
+class NonBlockingHeld {
+ public:
+  explicit NonBlockingHeld(int fd) : fd_(fd), flags_(::fcntl(fd, F_GETFL)) {
+    if (flags_ >= 0 && (flags_ & O_NONBLOCK) == 0) (void)::fcntl(fd_, F_SETFL, flags_ | O_NONBLOCK);
+  }
+  ~NonBlockingHeld() {
+    if (flags_ >= 0 && (flags_ & O_NONBLOCK) == 0) (void)::fcntl(fd_, F_SETFL, flags_);
+  }
+  NonBlockingHeld(const NonBlockingHeld&) = delete;
+  NonBlockingHeld& operator=(const NonBlockingHeld&) = delete;
+
+ private:
+  int fd_;
+  int flags_;
+};
+
 // A file being received under a temporary name: removed unless it was
 // renamed into place.
 struct PartialFile {
@@ -91,6 +110,7 @@ int send_file_bytes(int socket, int fd, int64_t size, int64_t& sent, int& error)
   error = 0;
   {
     SigpipeHeld held;
+    NonBlockingHeld non_blocking(socket);
     off_t offset = 0;
     while (sent < size) {
       const size_t want = static_cast<size_t>(std::min<int64_t>(size - sent, int64_t{1} << 30));
@@ -100,6 +120,9 @@ int send_file_bytes(int socket, int fd, int64_t size, int64_t& sent, int& error)
         continue;
       }
       if (n < 0 && errno == EINTR) continue;
+      // A full connection: wait, within the send bound, for the peer to
+      // take more; past it errno says ETIMEDOUT and the send has failed.
+      if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK) && Socket_wait_writable(socket)) continue;
       if (n == 0) return kTransferReadFailed;  // the file is shorter than announced
       if (errno == EINVAL || errno == ENOSYS) break;  // not for this file: copy it below
       error = errno;
@@ -290,7 +313,14 @@ int compress_file(const std::string& command_template, const std::string& file_n
   // The operator's command line is the interface here, so a shell runs it;
   // the one value from outside, the file name, is quoted above.
   std::string output;
-  return run_program({"/bin/sh", "-c", command}, output);
+  const ProgramRun run = run_program({"/bin/sh", "-c", command}, output);
+  if (run == ProgramRun::kKilled) {
+    // A half-written archive is no archive: the caller finds none.
+    log_printf("E-COMPRESS_TIMEOUT", "%s ran longer than %d seconds and was stopped", shown.c_str(),
+               program_deadline_seconds());
+    ::unlink(out_name.c_str());
+  }
+  return run == ProgramRun::kNotStarted ? 0 : 1;
 }
 
 int64_t GetFileSizeByName(const std::string& path) {

@@ -41,8 +41,10 @@ inline constexpr int64_t kReceiveMaxBytes = int64_t{64} << 20;
 // file's start, with sendfile(2) where the kernel can and large reads and
 // writes where it cannot. `sent` receives the bytes that went out. Returns
 // kTransferOk; kTransferSendFailed when the socket failed ("E-WRITE" is
-// logged); kTransferReadFailed when the file could not be read or ended
-// early. `error` receives errno of the failure (0 for an early end).
+// logged), also when the peer took no data for the send bound
+// (Socket_wait_writable; error ETIMEDOUT); kTransferReadFailed when the
+// file could not be read or ended early. `error` receives errno of the
+// failure (0 for an early end).
 [[nodiscard]] int send_file_bytes(int socket, int fd, int64_t size, int64_t& sent, int& error);
 
 // Receives a file into `path` (truncated). With send_ack == 1 first sends
@@ -63,6 +65,8 @@ inline constexpr int64_t kReceiveMaxBytes = int64_t{64} << 20;
 // out_name receives file_name plus that extension, and a file of that name
 // is deleted first. `extension`, when given, receives the extension.
 // Returns 1 when the command ran (its exit status is not examined), else 0.
+// A command still running at the program deadline is killed with its
+// process group and its output file deleted ("E-COMPRESS_TIMEOUT").
 [[nodiscard]] int compress_file(const std::string& command_template, const std::string& file_name,
                                 std::string& out_name, std::string* extension = nullptr);
 

@@ -110,8 +110,16 @@ int create_merg_file(const AgentSettings& settings, const std::string& peer, con
   }
   write_to_log("I-MERG_COMMAND", log_escape(command_text(argv)));
   std::string output;
-  if (run_program(argv, output) == 1 && settings.verbose == 1)
+  const ProgramRun run = run_program(argv, output);
+  if (run == ProgramRun::kKilled) {
+    // As for a tool that wrote nothing: the transfer announces no file.
+    log_printf("E-MERG_TIMEOUT", "%s ran longer than %d seconds and was stopped", tool.c_str(),
+               program_deadline_seconds());
+    (void)::unlink(merg_path_out.c_str());
+    (void)::unlink(proc_path_out.c_str());
+  } else if (run == ProgramRun::kFinished && settings.verbose == 1) {
     log_printf("I-MERG_RETURNED", "run returned,  %s", output.c_str());
+  }
   return kResultOk;
 }
 

@@ -18,11 +18,13 @@ namespace kova {
 // "<tmp>/<host>_<YYYYMonDD_HHMM>.proc", or with remote == 1
 // "<outgoing>/<host>_<yesterday>.merg" and ".proc"; their paths go to the
 // out parameters. Returns 0 once the tool was tried, even when it could
-// not be started (the transfer then finds no ".merg" file); 12 when the
-// data file is missing, 13 when the tool is (nothing run); 9 when a time
-// is not well formed. With `turn`, the lock on the ".proc" name (which
-// requests from every server for the range share) is taken before either
-// file is touched and left to the caller to hold until both are gone.
+// not be started or was killed at the program deadline (the transfer then
+// finds no ".merg" file; a killed tool's outputs are deleted and
+// "E-MERG_TIMEOUT" logged); 12 when the data file is missing, 13 when the
+// tool is (nothing run); 9 when a time is not well formed. With `turn`,
+// the lock on the ".proc" name (which requests from every server for the
+// range share) is taken before either file is touched and left to the
+// caller to hold until both are gone.
 [[nodiscard]] int create_merg_file(const AgentSettings& settings, const std::string& peer, const std::string& start,
                                    const std::string& end, std::string& merg_path_out, std::string& proc_path_out,
                                    WorkFileLock* turn = nullptr);

@@ -59,10 +59,12 @@ std::string perf_data_file_name(const std::string& host, const std::string& os, 
 // to perf_path_out: "<tmp>/<host>_<YYYYMonDD_HHMM>_<peer>.perf", or with
 // remote == 1 "<outgoing>/<host>_<yesterday>.perf". `host` must hold no
 // "/". Returns 0 when the tool ran (a tool that wrote nothing shows up as
-// a failed transfer), 12 when the data file does not exist (nothing run),
-// 16 when the tool could not be started, 9 when a time is not well formed.
-// With `turn`, the work file's lock is taken before the file is touched and
-// left to the caller to hold until it has sent and removed the file.
+// a failed transfer, and so does one killed at the program deadline: its
+// partial file is deleted and "E-PERF_TIMEOUT" logged), 12 when the data
+// file does not exist (nothing run), 16 when the tool could not be
+// started, 9 when a time is not well formed. With `turn`, the work file's
+// lock is taken before the file is touched and left to the caller to hold
+// until it has sent and removed the file.
 [[nodiscard]] int create_perf_file(const AgentSettings& settings, const std::string& peer, const std::string& host,
                                    const std::string& os, const std::string& start, const std::string& end,
                                    std::string& perf_path_out, WorkFileLock* turn = nullptr);

@@ -56,7 +56,8 @@ int get_mwa_version(std::string& out, const std::string& program) {
   out = "not found";
   if (!file_exists(program)) return 1;
   std::string output;
-  if (run_program({program, "version"}, output) != 1) return 1;
+  // A query killed at the program deadline answered nothing either.
+  if (run_program({program, "version"}, output) != ProgramRun::kFinished) return 1;
   size_t start = 0;
   while (start < output.size()) {
     size_t end = output.find('\n', start);

@@ -1,13 +1,17 @@
 #include "platform/process.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <stdio_ext.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <climits>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -37,6 +41,13 @@ UniqueFd moved_high(int fd) {
   return moved;
 }
 
+// Milliseconds from now to `deadline`, 0 once it has passed.
+int ms_until(std::chrono::steady_clock::time_point deadline) {
+  const auto left =
+      std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count();
+  return static_cast<int>(std::clamp<long long>(left, 0, INT_MAX));
+}
+
 }  // namespace
 
 int descriptor_limit() {
@@ -53,6 +64,13 @@ void close_descriptors_from(int first, int fd_limit) {
   for (std::FILE* stream : {stdout, stderr})
     if (__fpending(stream) > 0) (void)std::fflush(stream);
 }
+
+ProgramLimits& program_limits() {
+  static ProgramLimits limits;
+  return limits;
+}
+
+int program_deadline_seconds() { return (program_limits().deadline_ms + 999) / 1000; }
 
 ChildProcess& ChildProcess::operator=(ChildProcess&& other) noexcept {
   if (this != &other) {
@@ -117,13 +135,13 @@ std::string find_program(const std::string& name) {
   }
 }
 
-int run_program(const std::vector<std::string>& argv, std::string& output) {
+ProgramRun run_program(const std::vector<std::string>& argv, std::string& output) {
   return run_program_in(std::string(), argv, output);
 }
 
-int run_program_in(const std::string& directory, const std::vector<std::string>& argv, std::string& output) {
+ProgramRun run_program_in(const std::string& directory, const std::vector<std::string>& argv, std::string& output) {
   output.clear();
-  if (argv.empty()) return 0;
+  if (argv.empty()) return ProgramRun::kNotStarted;
   // Everything the child needs is ready before fork: it may not allocate.
   const std::string program = find_program(argv[0]);
   std::vector<char*> args;
@@ -131,19 +149,21 @@ int run_program_in(const std::string& directory, const std::vector<std::string>&
   args.push_back(nullptr);
 
   int out_pipe[2], exec_pipe[2];
-  if (::pipe2(out_pipe, O_CLOEXEC) != 0) return 0;
+  if (::pipe2(out_pipe, O_CLOEXEC) != 0) return ProgramRun::kNotStarted;
   UniqueFd out_read(moved_high(out_pipe[0])), out_write(moved_high(out_pipe[1]));
-  if (::pipe2(exec_pipe, O_CLOEXEC) != 0) return 0;
+  if (::pipe2(exec_pipe, O_CLOEXEC) != 0) return ProgramRun::kNotStarted;
   UniqueFd exec_read(moved_high(exec_pipe[0])), exec_write(moved_high(exec_pipe[1]));
   UniqueFd null_in(moved_high(::open("/dev/null", O_RDONLY | O_CLOEXEC)));
-  if (!out_read || !out_write || !exec_read || !exec_write || !null_in) return 0;
+  if (!out_read || !out_write || !exec_read || !exec_write || !null_in) return ProgramRun::kNotStarted;
   const int fd_limit = descriptor_limit();
 
   const pid_t pid = ::fork();
-  if (pid < 0) return 0;
+  if (pid < 0) return ProgramRun::kNotStarted;
   if (pid == 0) {
-    // ---- child: descriptor 3 carries an exec failure back and closes on
-    // exec.
+    // ---- child: a group of its own, so that a hung tool is killed with
+    // whatever it started; descriptor 3 carries an exec failure back and
+    // closes on exec.
+    (void)::setpgid(0, 0);
     if (::dup2(null_in.get(), 0) < 0 || ::dup2(out_write.get(), 1) < 0 ||
         ::dup3(exec_write.get(), 3, O_CLOEXEC) < 0)
       ::_exit(127);
@@ -153,8 +173,12 @@ int run_program_in(const std::string& directory, const std::vector<std::string>&
     (void)!::write(3, &err, sizeof err);
     ::_exit(127);
   }
-  // ---- parent
+  // ---- parent: the group is set on both sides, so that it exists before
+  // either goes on (the parent's call fails harmlessly once the child has
+  // exec'd).
+  (void)::setpgid(pid, pid);
   ChildProcess child(pid);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(program_limits().deadline_ms);
   out_write.reset();
   exec_write.reset();
   null_in.reset();
@@ -165,20 +189,48 @@ int run_program_in(const std::string& directory, const std::vector<std::string>&
   }
   if (n == static_cast<ssize_t>(sizeof exec_error)) {
     errno = exec_error;
-    return 0;
+    return ProgramRun::kNotStarted;
   }
+
   // Read to the end even past what is kept: the tool must not die of a
-  // full pipe before it has written its file.
+  // full pipe before it has written its file. The program's end is watched
+  // as well, since one that closed its output can still hang. Without a
+  // pidfd (kernels before 5.3) only the output is bounded.
+  // (The system call directly: this C library's header lacks C linkage.)
+  UniqueFd ended(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
+  bool reading = true;
+  bool running = ended.valid();
   char piece[4096];
-  for (;;) {
-    const ssize_t k = ::read(out_read.get(), piece, sizeof piece);
-    if (k < 0 && errno == EINTR) continue;
-    if (k <= 0) break;
-    const size_t room = kCommandOutputMax - std::min(output.size(), kCommandOutputMax);
-    output.append(piece, std::min(static_cast<size_t>(k), room));
+  while (reading || running) {
+    pollfd watched[2];
+    nfds_t count = 0;
+    if (reading) watched[count++] = {out_read.get(), POLLIN, 0};
+    if (running) watched[count++] = {ended.get(), POLLIN, 0};
+    const int left = ms_until(deadline);
+    if (left == 0) {
+      if (::kill(-pid, SIGKILL) != 0) (void)::kill(pid, SIGKILL);
+      (void)child.wait();
+      return ProgramRun::kKilled;
+    }
+    if (::poll(watched, count, left) <= 0) continue;  // the deadline is checked above
+    for (nfds_t i = 0; i < count; ++i) {
+      if (watched[i].revents == 0) continue;
+      if (watched[i].fd == ended.get()) {
+        running = false;
+        continue;
+      }
+      const ssize_t k = ::read(out_read.get(), piece, sizeof piece);
+      if (k < 0 && errno == EINTR) continue;
+      if (k <= 0) {
+        reading = false;
+        continue;
+      }
+      const size_t room = kCommandOutputMax - std::min(output.size(), kCommandOutputMax);
+      output.append(piece, std::min(static_cast<size_t>(k), room));
+    }
   }
   (void)child.wait();
-  return 1;
+  return ProgramRun::kFinished;
 }
 
 std::string command_text(const std::vector<std::string>& argv) {

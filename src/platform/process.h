@@ -43,18 +43,44 @@ int run_shell_command(const std::string& command_line);
 // The most of a program's standard output that run_program keeps.
 inline constexpr size_t kCommandOutputMax = 1024;
 
-// Runs argv[0] with the arguments that follow, without a shell: standard
-// input from /dev/null, standard output captured (up to kCommandOutputMax
-// bytes into `output`, the rest read and dropped), standard error
-// inherited. An argv[0] without a "/" is looked up in PATH, as a shell
-// would. Waits for the program to end. Returns 1 when it was started (its
-// exit status is not examined), 0 with errno set when fork or exec failed.
-[[nodiscard]] int run_program(const std::vector<std::string>& argv, std::string& output);
+// How long a data tool may run. A tool that runs on past it is hung, not
+// slow: the request it serves would otherwise hold its connection for ever.
+inline constexpr int kProgramDeadlineMs = 30 * 60 * 1000;
+
+// The program starter's one process-wide setting; tests shorten the
+// deadline.
+struct ProgramLimits {
+  int deadline_ms = kProgramDeadlineMs;
+};
+
+ProgramLimits& program_limits();
+
+// How run_program ended.
+enum class ProgramRun {
+  kNotStarted,  // fork or exec failed
+  kFinished,    // the program ended by itself (its exit status is not examined)
+  kKilled,      // still running at the deadline: it and its process group were killed
+};
+
+// Runs argv[0] with the arguments that follow, without a shell, in a
+// process group of its own: standard input from /dev/null, standard output
+// captured (up to kCommandOutputMax bytes into `output`, the rest read and
+// dropped), standard error inherited. An argv[0] without a "/" is looked up
+// in PATH, as a shell would. Waits for the program to end, at most
+// program_limits().deadline_ms; then kills its whole process group
+// (whatever the program started, unless it left the group) and waits for
+// the program itself. errno is set when it was not started. Logs nothing:
+// the caller knows what the tool was for.
+[[nodiscard]] ProgramRun run_program(const std::vector<std::string>& argv, std::string& output);
+
+// The deadline in whole seconds, rounded up, as log lines give it.
+int program_deadline_seconds();
 
 // As run_program, with the program started in `directory` (the caller's
-// working directory stays as it is); 0 also when it cannot be entered.
-[[nodiscard]] int run_program_in(const std::string& directory, const std::vector<std::string>& argv,
-                                 std::string& output);
+// working directory stays as it is); not started also when it cannot be
+// entered.
+[[nodiscard]] ProgramRun run_program_in(const std::string& directory, const std::vector<std::string>& argv,
+                                        std::string& output);
 
 // The file a program name runs: `name` itself when it holds a "/", else the
 // first executable "<dir>/<name>" of PATH (the system's default search path

@@ -42,13 +42,18 @@ bool is_decimal(const std::string& text) {
 }
 
 // Runs one of the update's tools in `directory`; a tool that cannot be
-// started is worth a line, its exit status is not examined.
+// started, or hangs until the program deadline, is worth a line; its exit
+// status is not examined.
 void run_update_tool(const std::string& log_file_path, const std::string& directory,
                      const std::vector<std::string>& argv) {
   std::string output;
-  if (run_program_in(directory, argv, output) != 1) {
+  const ProgramRun run = run_program_in(directory, argv, output);
+  if (run == ProgramRun::kNotStarted) {
     const char* reason = std::strerror(errno);
     update_log(log_file_path, "Unable to run %s : %s", log_escape(argv[0]).c_str(), reason);
+  } else if (run == ProgramRun::kKilled) {
+    update_log(log_file_path, "%s ran longer than %d seconds and was stopped", log_escape(argv[0]).c_str(),
+               program_deadline_seconds());
   }
 }
 

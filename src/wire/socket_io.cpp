@@ -48,10 +48,16 @@ int64_t steady_now_ms() {
   return std::string(text, out);
 }
 
+int poll_writable(int fd, int timeout_ms) {
+  pollfd p{fd, POLLOUT, 0};
+  return ::poll(&p, 1, timeout_ms);
+}
+
 [[gnu::hot]] ssize_t write_some(int fd, const unsigned char* data, size_t n) {
   // The agent does not ignore SIGPIPE, and a server that hangs up mid-reply
-  // must cost a log line, not the request process.
-  ssize_t k = ::send(fd, data, n, MSG_NOSIGNAL);
+  // must cost a log line, not the request process. A full connection is
+  // waited for outside the kernel, where the wait has a bound.
+  ssize_t k = ::send(fd, data, n, MSG_NOSIGNAL | MSG_DONTWAIT);
   if (k < 0 && errno == ENOTSOCK) k = ::write(fd, data, n);
   return k;
 }
@@ -97,8 +103,21 @@ int64_t steady_now_ms() {
 }  // namespace
 
 WireHooks& wire_hooks() {
-  static WireHooks hooks{poll_readable, steady_now_ms, 0};
+  static WireHooks hooks{poll_readable, steady_now_ms, 0, poll_writable};
   return hooks;
+}
+
+bool Socket_wait_writable(int fd) {
+  const WireHooks& hooks = wire_hooks();
+  const int64_t deadline = hooks.now_ms() + kWriteWaitMs;
+  for (int64_t left; (left = deadline - hooks.now_ms()) > 0;) {
+    const int ready = hooks.wait_writable(fd, static_cast<int>(left));
+    if (ready > 0) return true;
+    if (ready == 0) break;
+  }
+  (void)::shutdown(fd, SHUT_WR);
+  errno = ETIMEDOUT;
+  return false;
 }
 
 int Socket_Create(int port, const std::string& address) {
@@ -181,6 +200,7 @@ ssize_t Socket_send_nowait(int fd, const void* buffer, size_t n) {
   written = 0;
   while (written < n) {
     ssize_t k = write_some(fd, data + written, n - written);
+    if (k < 0 && (errno == EAGAIN || errno == EWOULDBLOCK) && Socket_wait_writable(fd)) continue;
     if (k < 1) {
       log_printf("E-WRITE", "write to socket failed %s\n", std::strerror(errno));
       return k;

@@ -1,6 +1,8 @@
 // Socket I/O: the listening socket and the loops that move whole buffers
-// across a connection. Reads never block in the kernel for long: a receive
-// that finds no data waits for readability up to a bounded number of times.
+// across a connection. Neither direction blocks in the kernel for long: a
+// receive that finds no data waits for readability up to a bounded number
+// of times, a send that finds the connection full waits a bounded time for
+// the peer to take more.
 #pragma once
 
 #include <sys/socket.h>
@@ -25,8 +27,13 @@ inline constexpr int kHardenedReadTotalMs = 120000;
 // The address the agent listens on unless told otherwise: every IPv4 one.
 inline constexpr const char* kListenAnyIPv4 = "0.0.0.0";
 
-// The wire layer's one process-wide setting: how a read waits for data.
-// Tests replace wait_readable to count the waits without waiting.
+// How long a send waits for a peer that takes no data: as long as a read
+// waits for a peer that sends none.
+inline constexpr int kWriteWaitMs = kReadRetryLimit * kReadWaitMs;
+
+// The wire layer's one process-wide setting: how reads and writes wait.
+// Tests replace wait_readable to count the waits without waiting, and
+// wait_writable to shorten the send bound.
 struct WireHooks {
   // Waits until fd is readable or timeout_ms passes; the result is ignored
   // (the next receive decides), so an interrupted wait simply counts as one.
@@ -36,10 +43,14 @@ struct WireHooks {
   // The most one whole read may take, in milliseconds; past it the read
   // fails with ETIMEDOUT. 0 (the start) leaves only the retry bound.
   int read_total_ms;
+  // Waits until fd can take data or timeout_ms passes: above 0 when it can
+  // (or has failed, which the next send reports), 0 when the time passed,
+  // below 0 when interrupted (the wait goes on for the time that is left).
+  int (*wait_writable)(int fd, int timeout_ms);
 };
 
-// The process-wide hooks; start with poll(2) on the descriptor, the
-// monotonic clock and no total bound.
+// The process-wide hooks; start with poll(2) on the descriptor (both
+// ways), the monotonic clock and no total bound.
 WireHooks& wire_hooks();
 
 // Creates a stream socket bound to `address` (an IPv4 or IPv6 literal;
@@ -61,12 +72,22 @@ std::string Socket_peer_text(const sockaddr_storage& peer);
 
 // Writes all n bytes. Returns n, or the failing write's result (0 or -1)
 // after logging "E-WRITE"; an interrupted write is not retried. Never
-// raises SIGPIPE.
+// raises SIGPIPE. A peer that takes no data for kWriteWaitMs fails the
+// write as one that went away does (errno ETIMEDOUT; see
+// Socket_wait_writable).
 [[nodiscard]] ssize_t Socket_writen(int fd, const void* buffer, size_t n);
 
 // As Socket_writen; `written` receives the bytes written before a failure
 // (n on success), so a caller can say how far a stream got.
 [[nodiscard]] ssize_t Socket_writen_counted(int fd, const void* buffer, size_t n, size_t& written);
+
+// Waits until the connection `fd` can take more data, at most kWriteWaitMs
+// (through wire_hooks().wait_writable). True when it can; false, with errno
+// ETIMEDOUT, when the peer took nothing meanwhile. The connection is then
+// shut down for sending, so that whatever the request still sends (an error
+// reply) fails at once instead of waiting the bound again. For writers
+// that do not go through Socket_writen (sendfile).
+[[nodiscard]] bool Socket_wait_writable(int fd);
 
 // Reads n bytes. Returns n, fewer when the peer closed the connection, or
 // -1 when a receive fails with anything but EAGAIN, when 61 consecutive

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <functional>
 #include <string>
 #include <tuple>
 
@@ -71,6 +72,38 @@ TEST_F(FileTransfer, SendFailuresMissingFileOrClosedPeer) {
     EXPECT_EQ(logged("E-SEND", c.line), 1) << c.line;
   }
   EXPECT_EQ(logged("E-SENDFILE", "Error returning header packet..."), 2);
+}
+
+// A server that stops reading: the send waits its bound (cut to nothing
+// here) once, fails as a send to a server that went away does, and
+// whatever the request sends after it fails without waiting again.
+TEST_F(FileTransfer, APeerThatStopsReadingFailsTheSendAtTheBound) {
+  static int waits = 0;
+  wire_hooks().wait_writable = [](int, int) { return ++waits, 0; };
+  const std::string big = pattern(4 << 20);  // more than a socket pair holds
+  write_file(dir_ / "big", big);
+  const struct { const char* path; std::function<bool(int fd)> send; const char* line; } cases[] = {
+      {"Socket_writen", [&](int fd) { return Socket_writen(fd, big.data(), big.size()) == -1; }, nullptr},
+      {"sendfile",
+       [&](int fd) { return send_ascii_file(fd, settings_, dir_ / "big", buffer_, 522) == kTransferSendFailed; },
+       "Error sending packet "},
+  };
+  for (const auto& c : cases) {
+    waits = 0;
+    SocketPair pair;
+    EXPECT_TRUE(c.send(pair.agent.get())) << c.path;
+    EXPECT_EQ(waits, 1) << c.path;
+    EXPECT_EQ(::fcntl(pair.agent.get(), F_GETFL) & O_NONBLOCK, 0) << c.path;  // left as it was
+    EXPECT_EQ(Socket_writen(pair.agent.get(), "x", 1), -1) << c.path;
+    EXPECT_EQ(waits, 1) << c.path;
+    const std::string got = pair.drain();
+    EXPECT_LT(got.size(), big.size()) << c.path;
+    if (c.line != nullptr) {
+      EXPECT_EQ(logged("E-SEND", c.line), 1) << c.path;
+    }
+  }
+  EXPECT_EQ(logged("E-WRITE", "write to socket failed Connection timed out"), 2);
+  EXPECT_EQ(logged("E-WRITE", "write to socket failed Broken pipe"), 2);
 }
 
 // A work file shorter than its header announced: what there was goes out,

@@ -6,6 +6,11 @@
 
 #include <cstdio>
 #include <string>
+#include <tuple>
+#include <vector>
+
+#include "support/agent_process.h"
+#include "support/temp_dir.h"
 
 namespace kova::test {
 namespace {
@@ -40,6 +45,43 @@ TEST(StandardStreams, PendingOutputIsWrittenOnceBeforeForkAndBeforeExit) {
   for (ssize_t n; (n = ::read(pipe_fds[0], buffer, sizeof buffer)) > 0;) got.append(buffer, static_cast<size_t>(n));
   ::close(pipe_fds[0]);
   EXPECT_EQ(got, "abc");
+}
+
+// True once `pid` has ended (gone, or a zombie nobody reaped yet).
+bool ended(pid_t pid) {
+  const std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
+  const size_t close = stat.rfind(") ");
+  return close == std::string::npos || stat.compare(close + 2, 1, "Z") == 0;
+}
+
+TEST(RunProgram, EndsAtTheDeadlineWithEverythingTheProgramStartedInItsGroup) {
+  const int saved = program_limits().deadline_ms;
+  program_limits().deadline_ms = 300;
+  TempDir dir;
+  const std::string helper = dir / "helper.pid";
+  const struct {
+    std::vector<std::string> argv;
+    ProgramRun run;
+    std::string output;
+  } cases[] = {
+      {{"/bin/echo", "done"}, ProgramRun::kFinished, "done\n"},
+      {{"/bin/sh", "-c", "head -c 5000 /dev/zero | tr '\\0' x"}, ProgramRun::kFinished, std::string(1024, 'x')},
+      {{dir / "absent"}, ProgramRun::kNotStarted, ""},
+      // Hangs with its output open, or after closing it; the helper it
+      // started in the background holds the output too.
+      {{"/bin/sh", "-c", "echo early; sleep 600"}, ProgramRun::kKilled, "early\n"},
+      {{"/bin/sh", "-c", "exec >&-; sleep 600"}, ProgramRun::kKilled, ""},
+      {{"/bin/sh", "-c", "sleep 600 & echo $! > " + helper + "; wait"}, ProgramRun::kKilled, ""},
+  };
+  for (const auto& c : cases) {
+    std::string output = "stale";
+    EXPECT_EQ(std::tuple(kova::run_program(c.argv, output), output), std::tuple(c.run, c.output)) << command_text(c.argv);
+  }
+  const pid_t started = std::atoi(read_file(helper).c_str());
+  ASSERT_GT(started, 0);
+  EXPECT_TRUE(eventually([&] { return ended(started); }, std::chrono::seconds(5)));
+  EXPECT_EQ(program_deadline_seconds(), 1);  // rounded up, as log lines give it
+  program_limits().deadline_ms = saved;
 }
 
 }  // namespace

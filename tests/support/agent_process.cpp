@@ -117,13 +117,14 @@ int connect_to(const std::string& host, int port, const std::string& source) {
 }
 
 RunningAgent::RunningAgent(const InstallTree& tree, int port, std::vector<std::string> extra,
-                           std::vector<std::string> env)
+                           std::vector<std::string> env, const std::string& program)
     : port_(port) {
   if (!pid_namespace_problem().empty()) {
     ADD_FAILURE() << kNoNamespace;
     return;
   }
-  std::vector<std::string> args{KOVA_AGENT_BIN, "-rootdir", tree.root(), "-port", std::to_string(port)};
+  std::vector<std::string> args{program.empty() ? std::string(KOVA_AGENT_BIN) : program, "-rootdir", tree.root(),
+                                "-port", std::to_string(port)};
   args.insert(args.end(), extra.begin(), extra.end());
   bool foreground = false;
   std::string probe = "127.0.0.1";  // where the agent listens

@@ -68,11 +68,12 @@ int connect_loopback(int port);
 int connect_to(const std::string& host, int port, const std::string& source = "");
 
 // A started agent; a daemonised one is this process's child once its
-// launcher has ended.
+// launcher has ended. `program` is the agent binary to start; empty: the
+// real one.
 class RunningAgent {
  public:
   RunningAgent(const InstallTree& tree, int port, std::vector<std::string> extra = {},
-               std::vector<std::string> env = {});
+               std::vector<std::string> env = {}, const std::string& program = {});
   ~RunningAgent();  // ends the agent (SIGTERM, then SIGKILL) if it still runs
   RunningAgent(const RunningAgent&) = delete;
   RunningAgent& operator=(const RunningAgent&) = delete;
