@@ -26,9 +26,14 @@ done
 for dir in bin data logs tmp tmp/update outgoing settings update mwa appdata; do
   mkdir -p "$root/$dir"
 done
+# put FROM TO: copies FROM to TO under a temporary name, then renames it into
+# place, so that a copy still running from an earlier tree keeps its file.
+put() {
+  cp "$1" "$2.new.$$" && mv -f "$2.new.$$" "$2"
+}
 # Copies, not links: each tree's programs are found by their own path.
 for program in vorn_monitor vorn_monitor_esx kovarta sorlexagent kovaperf vorn_analyze; do
-  cp "$standins/$program" "$root/bin/$program"
+  put "$standins/$program" "$root/bin/$program"
 done
 printf 'YYYYMMDD\nDD-Mmm-YYYY\n' >"$root/settings/date_formats.txt"
 for ago in 0 1 2; do
@@ -39,6 +44,6 @@ for ago in 0 1 2; do
   printf '%s nightly batch done\n' "$dmy" >"$root/appdata/batch_$dmy.log"
 done
 if [ -x "$build/src/kovaagent" ]; then
-  cp "$build/src/kovaagent" "$root/bin/kovaagent"
+  put "$build/src/kovaagent" "$root/bin/kovaagent"
 fi
 echo "$root"

@@ -16,8 +16,9 @@ port=${KOVA_DEMO_PORT:-16610}
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DKOVA_TESTS=OFF -DKOVA_BENCH=OFF >/dev/null
 cmake --build "$build"
 
-# A demo agent from an earlier run is stopped through its own lock file.
-if ls "$tree"/tmp/*_kova.lock >/dev/null 2>&1; then
+# What an earlier run left running in the tree is stopped (each program
+# finds its own copy by its lock file, or only within this tree).
+if [ -x "$tree/bin/kovaagent" ]; then
   "$tree/bin/kovaagent" -rootdir "$tree" -stop >/dev/null 2>&1 || true
   "$tree/bin/vorn_monitor" -rootdir "$tree" -stop >/dev/null 2>&1 || true
   "$tree/bin/sorlexagent" -stop >/dev/null 2>&1 || true
@@ -64,4 +65,7 @@ echo "== the agent's log: $tree/logs"
 tail -n 5 "$tree"/logs/kova_*.log
 echo
 echo "The agent keeps running. Ask more with: $build/client/kovaget -p $port COMMAND"
-echo "Stop it with:                           demo-tree/bin/kovaagent -rootdir $tree -stop"
+echo "The collectors and the search agent run on without it, as on a host. Stop them, then the agent:"
+kovaget="$build/client/kovaget -p $port"
+printf '  %s\n' "$kovaget dcstop" "$kovaget dcstopnode esx-demo 'VMware ESX'" "$kovaget sorlexstop" \
+  "demo-tree/bin/kovaagent -rootdir $tree -stop"
