@@ -158,11 +158,9 @@ int appdata_find_files(std::vector<std::string>& found, const std::string& regis
   }
 
   UniqueFd dir_fd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  const int list_fd = dir_fd ? ::dup(dir_fd.get()) : -1;
-  UniqueDir listing(list_fd >= 0 ? ::fdopendir(list_fd) : nullptr);
+  UniqueDir listing = list_directory(dir_fd.get());
   if (!listing) {
     const int error = errno;
-    if (list_fd >= 0) ::close(list_fd);
     log_printf("E-OPENDIR", "Not able to open %s, %s", log_escape(dir).c_str(), std::strerror(error));
     return kResultAppDataNotOpened;
   }

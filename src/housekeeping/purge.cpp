@@ -36,10 +36,8 @@ int purge_file(const std::string& directory, const std::string& prefix, const st
     log_printf("E-PURGE", "Unable to change directory to %s, %s", shown.c_str(), std::strerror(errno));
     return 0;
   }
-  int list_fd = ::dup(dir_fd.get());
-  UniqueDir dir(list_fd >= 0 ? ::fdopendir(list_fd) : nullptr);
+  UniqueDir dir = list_directory(dir_fd.get());
   if (!dir) {
-    if (list_fd >= 0) ::close(list_fd);
     log_printf("E-PURGE", "Unable to open directory %s, %s", shown.c_str(), std::strerror(errno));
     return 0;
   }

@@ -3,8 +3,10 @@
 #pragma once
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <utility>
 
@@ -67,6 +69,22 @@ class UniqueDir {
  private:
   DIR* dir_ = nullptr;
 };
+
+// A stream over the entries of the directory open as `dir_fd`, which stays
+// the caller's (the stream reads a close-on-exec duplicate). Empty, with
+// errno from the step that failed, when `dir_fd` is -1 or a step fails.
+inline UniqueDir list_directory(int dir_fd) {
+  UniqueFd copy(dir_fd >= 0 ? ::fcntl(dir_fd, F_DUPFD_CLOEXEC, 0) : -1);
+  DIR* dir = copy ? ::fdopendir(copy.get()) : nullptr;
+  if (dir != nullptr) {
+    copy.release();
+  } else {
+    const int error = errno;
+    copy.reset();
+    errno = error;
+  }
+  return UniqueDir(dir);
+}
 
 class UniqueFile {
  public:
