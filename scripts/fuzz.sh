@@ -1,13 +1,16 @@
 #!/usr/bin/env bash
 # Installs what the fuzz build needs (Debian packages), builds the libFuzzer
 # target with clang in build/fuzz and runs it.
-#   scripts/fuzz.sh [seconds] [executions]
+#   scripts/fuzz.sh [seconds] [executions] [jobs]
 # seconds: how long to run (default 20; 0 with executions: no time limit);
-# executions: stop after that many inputs.
+# executions: stop after that many inputs, in all; jobs: fuzzing processes
+# side by side on one corpus (default 1), each taking its share of the
+# executions, with its log in build/fuzz/jobs/fuzz-N.log.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-20}
 runs=${2:-}
+jobs=${3:-1}
 
 # clang and its runtime (libFuzzer, sanitizers) besides the usual build.
 scripts/deps.sh clang libclang-rt-14-dev
@@ -80,10 +83,26 @@ if [ "$(id -u)" -eq 0 ] && unshare --pid --fork --mount-proc true 2>/dev/null; t
   ns=(unshare --pid --fork --mount-proc --)
 fi
 limits=(-max_total_time="$seconds")
-[ -z "$runs" ] || limits+=(-runs="$runs")
+[ -z "$runs" ] || limits+=(-runs="$(((runs + jobs - 1) / jobs))")
+if [ "$jobs" -gt 1 ]; then
+  # Each job's output goes to fuzz-N.log in the working directory.
+  mkdir -p "$build/jobs"
+  rm -f "$build"/jobs/fuzz-*.log
+  limits+=(-jobs="$jobs" -workers="$jobs")
+fi
 # A small quarantine keeps the fuzzer's memory small, and with it the cost
 # of the fork that each component or tool request makes. The agent's own
 # messages on standard output and error are dropped (-close_fd_mask);
 # libFuzzer and the sanitizers report on a descriptor of their own.
 export ASAN_OPTIONS=${ASAN_OPTIONS:-quarantine_size_mb=16}
-"${ns[@]}" "$build/fuzz/fuzz_request" "${limits[@]}" -max_len=4096 -close_fd_mask=3 -print_final_stats=1 "$corpus"
+# Run from the build directory, where a finding's input is written.
+top=$PWD
+workdir=$build
+[ "$jobs" -le 1 ] || workdir=$build/jobs
+cd "$workdir"
+"${ns[@]}" "$top/$build/fuzz/fuzz_request" "${limits[@]}" -max_len=4096 -close_fd_mask=3 -print_final_stats=1 \
+  "$top/$corpus"
+if [ "$jobs" -gt 1 ]; then
+  total=$(awk '/^stat::number_of_executed_units/ { n += $2 } END { print n + 0 }' fuzz-*.log)
+  echo "fuzz: $jobs jobs, $total executions in all, no finding"
+fi
